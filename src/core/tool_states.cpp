@@ -1,0 +1,119 @@
+#include "core/tool_states.hpp"
+
+#include <algorithm>
+
+namespace health {
+
+HealthRow health_row(std::string_view tool, const ToolState& state) {
+    return {
+        .tool = tool,
+        .call_count = state.call_count,
+        .error_count = state.error_count,
+        .last_error = state.last_error,
+        .disabled_at =
+            state.disabled_at ? std::optional(format_timestamp(*state.disabled_at)) : std::nullopt,
+        .updated_at = format_timestamp(state.updated_at),
+    };
+}
+
+void ToolStates::record_success(std::string_view tool, double now) {
+    auto entry = find_or_insert(tool);
+    auto& state = entry.value().state;
+    increment(state.call_count);
+    state.consecutive_errors = 0;
+    state.disabled_at.reset();
+    state.updated_at = now;
+    mark_changed(entry);
+}
+
+void ToolStates::record_error(std::string_view tool, std::string_view error, double now,
+                              std::optional<Count> disable_after) {
+    auto entry = find_or_insert(tool);
+    auto& state = entry.value().state;
+    increment(state.call_count);
+    increment(state.error_count);
+    increment(state.consecutive_errors);
+    state.last_error.emplace<std::string>(first_code_points(error, kLastErrorLength));
+    state.updated_at = now;
+    if (!disable_after) {
+        return;
+    }
+    if (state.consecutive_errors >= *disable_after) {
+        state.disabled_at = state.updated_at;
+    }
+    mark_changed(entry);
+}
+
+std::optional<Disablement> ToolStates::disablement(std::string_view tool) const {
+    const auto entry = entries_.find(tool);
+    if (entry == entries_.end() || !entry.value().state.disabled_at) {
+        return std::nullopt;
+    }
+    const auto& state = entry.value().state;
+    return Disablement{*state.disabled_at, state.last_error};
+}
+
+bool ToolStates::reenable(std::string_view tool, double since, double now) {
+    auto entry = entries_.find(tool);
+    if (entry == entries_.end() || entry.value().state.disabled_at != since) {
+        return false;
+    }
+    auto& state = entry.value().state;
+    state.consecutive_errors = 0;
+    state.disabled_at.reset();
+    state.updated_at = now;
+    mark_changed(entry);
+    return true;
+}
+
+void ToolStates::seed(std::string_view tool, ToolState state) {
+    find_or_insert(tool).value().state = std::move(state);
+}
+
+std::vector<HealthRow> ToolStates::take_changes() {
+    auto positions = changed_;
+    changed_.clear();
+    for (const auto position : positions) {
+        entries_.nth(position).value().changed = false;
+    }
+    std::sort(positions.begin(), positions.end(), [&](std::size_t left, std::size_t right) {
+        return entries_.nth(left).key() < entries_.nth(right).key();
+    });
+    std::vector<HealthRow> rows;
+    rows.reserve(positions.size());
+    for (const auto position : positions) {
+        auto entry = entries_.nth(position);
+        rows.push_back(health_row(entry.key(), entry.value().state));
+    }
+    return rows;
+}
+
+void ToolStates::restore_changes(std::span<const HealthRow> rows) {
+    for (const auto& row : rows) {
+        mark_changed(entries_.find(row.tool));
+    }
+}
+
+std::vector<std::string_view> ToolStates::changed_tools() const {
+    std::vector<std::string_view> tools;
+    tools.reserve(changed_.size());
+    for (const auto position : changed_) {
+        tools.push_back(entries_.nth(position).key());
+    }
+    return tools;
+}
+
+ToolStates::Map::iterator ToolStates::find_or_insert(std::string_view tool) {
+    const auto entry = entries_.find(tool);
+    return entry != entries_.end() ? entry : entries_.try_emplace(std::string(tool)).first;
+}
+
+void ToolStates::mark_changed(Map::iterator entry) {
+    if (entry.value().changed) {
+        return;
+    }
+    changed_.push_back(static_cast<std::size_t>(entry - entries_.begin()));
+    entry.value().changed = true;
+}
+
+}  // namespace health

@@ -1,0 +1,110 @@
+// What is known about each tool's health, and the rules that disable a tool and bring it back.
+#pragma once
+
+#include <tsl/ordered_map.h>
+#include <cstddef>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "core/number.hpp"
+#include "core/text.hpp"
+#include "core/timestamp.hpp"
+
+namespace health {
+
+// How much of an error's text is kept, in code points.
+inline constexpr std::size_t kLastErrorLength = 500;
+
+struct Blob {
+    std::string bytes;
+
+    bool operator==(const Blob&) const = default;
+};
+
+// A last error: none, or text. A row that somebody edited may hold another SQLite value, which
+// is kept and given back as it is.
+using LastError = std::variant<std::monostate, std::string, Count, double, Blob>;
+
+// Times are epoch seconds.
+struct ToolState {
+    Count call_count = 0;
+    Count error_count = 0;
+    LastError last_error{};
+    std::optional<double> disabled_at{};  // nothing while the tool is enabled
+    double updated_at = 0.0;              // 0.0 when not known
+    Count consecutive_errors = 0;         // since the last success or re-enabling; never stored
+};
+
+// A tool's health as the mirror and the summary show it. The name is the map's own: it stays valid
+// as long as the map.
+struct HealthRow {
+    std::string_view tool;
+    Count call_count;
+    Count error_count;
+    LastError last_error;
+    std::optional<TimestampText> disabled_at;
+    TimestampText updated_at;
+};
+
+// Throws UnwritableTime.
+HealthRow health_row(std::string_view tool, const ToolState& state);
+
+struct Disablement {
+    double since;
+    LastError last_error;
+};
+
+// The state of every tool seen, in the order in which they were first seen, and which of them
+// changed since they were last taken for a write. Entries are never removed and never move.
+class ToolStates {
+public:
+    void record_success(std::string_view tool, double now);
+
+    // Without `disable_after` (the setting could not be read) the error is counted, but nothing
+    // that depends on the setting happens: the tool is neither disabled nor marked changed.
+    void record_error(std::string_view tool, std::string_view error, double now,
+                      std::optional<Count> disable_after);
+
+    // Since when and with which last error `tool` is disabled; nothing when it is enabled.
+    std::optional<Disablement> disablement(std::string_view tool) const;
+
+    // Re-enables a tool whose cooldown has passed. False, and nothing done, when it is not
+    // disabled since `since` any more: somebody else was faster.
+    bool reenable(std::string_view tool, double since, double now);
+
+    // Installs a stored state, which counts as saved.
+    void seed(std::string_view tool, ToolState state);
+
+    bool has_changes() const { return !changed_.empty(); }
+
+    // The changed tools' rows by name; none of them counts as changed afterwards. Throws
+    // UnwritableTime (and they do not count as changed then either).
+    std::vector<HealthRow> take_changes();
+
+    // Marks the tools of rows that could not be written as changed again.
+    void restore_changes(std::span<const HealthRow> rows);
+
+    std::vector<std::string_view> changed_tools() const;
+
+    struct Entry {
+        ToolState state;
+        bool changed = false;
+    };
+    using Map = tsl::ordered_map<std::string, Entry, TextHash, std::equal_to<>>;
+
+    const Map& entries() const { return entries_; }
+
+private:
+    Map::iterator find_or_insert(std::string_view tool);
+    void mark_changed(Map::iterator entry);
+
+    Map entries_;
+    std::vector<std::size_t> changed_;  // positions in entries_
+};
+
+}  // namespace health

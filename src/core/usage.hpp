@@ -1,0 +1,74 @@
+// How many calls each tool, action, outcome and use of a synonym had, and their handlers' time.
+#pragma once
+
+#include <tsl/ordered_map.h>
+#include <tsl/ordered_set.h>
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "core/number.hpp"
+#include "core/text.hpp"
+
+namespace health {
+
+// The texts of a key in the map are the map's own: they stay valid as long as the map.
+struct UsageKey {
+    std::string_view tool;
+    std::optional<std::string_view> action;  // nothing for a tool without actions
+    std::string_view outcome;
+    bool alias_hit = false;
+
+    bool operator==(const UsageKey&) const = default;
+};
+
+struct UsageKeyHash {
+    std::size_t operator()(const UsageKey& key) const noexcept;
+};
+
+struct Usage {
+    Count calls = 0;
+    Count timed_calls = 0;  // those that reported their handler's time
+    double total_ms = 0.0;  // the sum of these times
+};
+
+struct UsageEntry {
+    const UsageKey* key;
+    Usage usage;
+};
+
+// The counts in the order in which their keys were first met, and whether any changed since
+// they were last taken for a write. Entries are never removed and never move.
+class UsageCounts {
+public:
+    void record_call(const UsageKey& key, std::optional<double> duration_ms);
+
+    // Installs a stored count, in place of one with the same key; changes no mark.
+    void seed(const UsageKey& key, const Usage& usage) { *find_or_insert(key) = usage; }
+
+    bool has_changes() const { return changed_; }
+    void mark_changed(bool changed) { changed_ = changed; }
+
+    // Every entry, and the counts do not count as changed afterwards; nothing if they did not
+    // before.
+    std::optional<std::vector<UsageEntry>> take_changes();
+
+    std::vector<UsageEntry> snapshot() const;
+
+    using Map = tsl::ordered_map<UsageKey, Usage, UsageKeyHash>;
+
+    const Map& entries() const { return entries_; }
+
+private:
+    Usage* find_or_insert(const UsageKey& key);
+    std::string_view keep(std::string_view text);
+
+    // The keys repeat few texts many times, so each text is kept once.
+    tsl::ordered_set<std::string, TextHash, std::equal_to<>> texts_;
+    Map entries_;
+    bool changed_ = false;
+};
+
+}  // namespace health

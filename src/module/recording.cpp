@@ -1,0 +1,168 @@
+// The operations of every tool call. None of them touches the database, and one that finds the
+// tool known allocates nothing but its answer.
+#include <chrono>
+#include <optional>
+
+#include "module/tracker.hpp"
+#include "module/values.hpp"
+
+namespace health {
+namespace {
+
+constexpr Signature<5> kRecordCall{
+    .function = "ToolHealthTracker.record_call",
+    .parameters = {Name::tool_name, Name::action, Name::outcome, Name::alias_hit,
+                   Name::duration_ms},
+    .positional = 3,
+};
+constexpr Signature<1> kRecordSuccess{"ToolHealthTracker.record_success", {Name::tool_name}};
+constexpr Signature<2> kRecordError{"ToolHealthTracker.record_error",
+                                    {Name::tool_name, Name::error}};
+constexpr Signature<1> kIsDisabled{"ToolHealthTracker.is_disabled", {Name::tool_name}};
+
+double wall_clock() {
+    const auto since_epoch = std::chrono::system_clock::now().time_since_epoch();
+    return std::chrono::duration<double>(since_epoch).count();
+}
+
+template <std::size_t Size>
+Text text_argument(const Tracker& tracker, const Signature<Size>& signature, Name parameter,
+                   PyObject* argument) {
+    if (!PyUnicode_Check(argument)) {
+        raise_wrong_type(signature.function, tracker.module.names[parameter], "str", argument);
+    }
+    return Text(argument);
+}
+
+std::optional<double> duration_argument(const Tracker& tracker, PyObject* argument) {
+    if (argument == Py_None) {
+        return std::nullopt;
+    }
+    const double duration_ms = PyFloat_AsDouble(argument);
+    if (duration_ms == -1.0 && PyErr_Occurred() != nullptr) {
+        if (PyErr_ExceptionMatches(PyExc_TypeError)) {
+            raise_wrong_type(kRecordCall.function, tracker.module.names[Name::duration_ms],
+                             "a number or None", argument);
+        }
+        throw PythonError();
+    }
+    return duration_ms;
+}
+
+bool truth_argument(const Tracker& tracker, PyObject* argument) {
+    if (!PyBool_Check(argument)) {
+        raise_wrong_type(kRecordCall.function, tracker.module.names[Name::alias_hit], "bool",
+                         argument);
+    }
+    return argument == Py_True;
+}
+
+// The text of an error, or of so much of a long one as is kept.
+cppy::ptr error_argument(const Tracker& tracker, PyObject* argument) {
+    if (argument == Py_None) {
+        return owned(PyUnicode_New(0, 0));
+    }
+    if (!PyUnicode_Check(argument)) {
+        raise_wrong_type(kRecordError.function, tracker.module.names[Name::error], "str or None",
+                         argument);
+    }
+    constexpr auto kMost = static_cast<Py_ssize_t>(kLastErrorLength);
+    return checked(PyUnicode_GetLength(argument)) > kMost
+               ? owned(PyUnicode_Substring(argument, 0, kMost))
+               : shared(argument);
+}
+
+// How many errors in a row disable a tool.
+Count disable_after(const Tracker& tracker) {
+    const auto setting =
+        owned(settings(tracker).getattr(tracker.module.names[Name::disable_after_errors]));
+    const auto integer = owned(PyNumber_Index(setting.get()));
+    int overflow = 0;
+    const Count errors = PyLong_AsLongLongAndOverflow(integer.get(), &overflow);
+    if (overflow != 0) {
+        return overflow > 0 ? std::numeric_limits<Count>::max() : std::numeric_limits<Count>::min();
+    }
+    if (errors == -1 && PyErr_Occurred() != nullptr) {
+        throw PythonError();
+    }
+    return errors;
+}
+
+bool cooldown_has_passed(const Tracker& tracker, double elapsed) {
+    const auto cooldown =
+        owned(PyObject_GetAttr(tracker.self, tracker.module.names[Name::cooldown_s]));
+    if (PyFloat_CheckExact(cooldown.get())) {
+        return elapsed >= PyFloat_AS_DOUBLE(cooldown.get());
+    }
+    const auto seconds = owned(PyFloat_FromDouble(elapsed));
+    return checked(PyObject_RichCompareBool(seconds.get(), cooldown.get(), Py_GE)) != 0;
+}
+
+}  // namespace
+
+cppy::ptr record_call(Tracker& tracker, const Call& call) {
+    const auto [tool_name, action_name, outcome_value, alias_hit, duration] =
+        bind(kRecordCall, tracker.module.names, call);
+    const auto tool = text_argument(tracker, kRecordCall, Name::tool_name, tool_name);
+    std::optional<Text> action;
+    if (action_name != Py_None) {
+        if (!PyUnicode_Check(action_name)) {
+            raise_wrong_type(kRecordCall.function, tracker.module.names[Name::action],
+                             "str or None", action_name);
+        }
+        action.emplace(action_name);
+    }
+    const auto outcome = text_argument(tracker, kRecordCall, Name::outcome, outcome_value);
+    const UsageKey key{tool, action, outcome, truth_argument(tracker, alias_hit)};
+    const auto duration_ms = duration_argument(tracker, duration);
+    tracker.lock.run([&] { tracker.usage.record_call(key, duration_ms); });
+    return none();
+}
+
+cppy::ptr record_success(Tracker& tracker, const Call& call) {
+    const auto [tool_name] = bind(kRecordSuccess, tracker.module.names, call);
+    const auto tool = text_argument(tracker, kRecordSuccess, Name::tool_name, tool_name);
+    tracker.lock.run([&] { tracker.states.record_success(tool, wall_clock()); });
+    return none();
+}
+
+cppy::ptr record_error(Tracker& tracker, const Call& call) {
+    const auto [tool_name, error] = bind(kRecordError, tracker.module.names, call);
+    const auto tool = text_argument(tracker, kRecordError, Name::tool_name, tool_name);
+    const auto kept = error_argument(tracker, error);
+    const Text text(kept.get());
+    const auto count = [&](std::optional<Count> limit) {
+        tracker.lock.run([&] { tracker.states.record_error(tool, text, wall_clock(), limit); });
+    };
+    Count limit = 0;
+    try {
+        limit = disable_after(tracker);
+    } catch (const PythonError&) {
+        // The call failed whatever the settings are.
+        count(std::nullopt);
+        throw;
+    }
+    count(limit);
+    return none();
+}
+
+cppy::ptr is_disabled(Tracker& tracker, const Call& call) {
+    const auto [tool_name] = bind(kIsDisabled, tracker.module.names, call);
+    const auto tool = text_argument(tracker, kIsDisabled, Name::tool_name, tool_name);
+    for (;;) {
+        const auto disabled = tracker.lock.run([&] { return tracker.states.disablement(tool); });
+        if (!disabled) {
+            return tracker.module.enabled;
+        }
+        // The settings are Python's, so they are read without the lock.
+        const double now = wall_clock();
+        if (!cooldown_has_passed(tracker, now - disabled->since)) {
+            return make_tuple(to_python(true), to_python(disabled->last_error));
+        }
+        if (tracker.lock.run([&] { return tracker.states.reenable(tool, disabled->since, now); })) {
+            return tracker.module.enabled;
+        }
+    }
+}
+
+}  // namespace health

@@ -1,0 +1,117 @@
+// The answer for the status tool: every tool's health and usage.
+#include <utility>
+#include <vector>
+
+#include "core/summary.hpp"
+#include "module/collaborators.hpp"
+#include "module/tracker.hpp"
+#include "module/values.hpp"
+
+namespace health {
+namespace {
+
+cppy::ptr find_is_slow_call(const Tracker& tracker) {
+    return collaborator(tracker.module, "tool_schemas", "is_slow_call");
+}
+
+// Asks for every row whether its call is slow by nature, and puts the rows in order.
+void complete(const Tracker& tracker, ToolSummary& tool, cppy::ptr& is_slow_call) {
+    if (tool.usage.empty()) {
+        return;
+    }
+    if (!is_slow_call) {
+        is_slow_call = find_is_slow_call(tracker);
+    }
+    const auto name = to_python(tool.health.tool);
+    for (auto& row : tool.usage) {
+        const auto action = to_python(row.key->action);
+        const auto answer = owned(
+            PyObject_CallFunctionObjArgs(is_slow_call.get(), name.get(), action.get(), nullptr));
+        row.slow = checked(PyObject_IsTrue(answer.get())) != 0;
+    }
+    sort_usage(tool.usage);
+}
+
+std::vector<ToolSummary> gather(Tracker& tracker) {
+    // Importing runs Python at length, so it comes before the lock where it is needed at all.
+    cppy::ptr is_slow_call;
+    if (tracker.lock.run([&] { return !tracker.usage.entries().empty(); })) {
+        is_slow_call = find_is_slow_call(tracker);
+    }
+    const TrackerLock::HoldOverPython hold(tracker.lock);
+    std::vector<ToolSummary> tools;
+    {
+        const GilRelease others;
+        tools = summarize(tracker.states, tracker.usage);
+    }
+    for (auto& tool : tools) {
+        complete(tracker, tool, is_slow_call);
+    }
+    return tools;
+}
+
+// Fills an answer map in the order of the calls.
+class AnswerMap {
+public:
+    explicit AnswerMap(const Names& names) : names_(names) {}
+
+    template <class Value>
+    AnswerMap& set(Name key, const Value& value) {
+        return set(key, to_python(value));
+    }
+    AnswerMap& set(Name key, const cppy::ptr& value) {
+        checked(PyDict_SetItem(map_.get(), names_[key], value.get()));
+        return *this;
+    }
+
+    cppy::ptr map() const { return map_; }
+
+private:
+    const Names& names_;
+    cppy::ptr map_ = owned(PyDict_New());
+};
+
+cppy::ptr answer(const Names& names, const UsageRow& row) {
+    return AnswerMap(names)
+        .set(Name::action, row.key->action)
+        .set(Name::outcome, row.key->outcome)
+        .set(Name::alias_hit, row.key->alias_hit)
+        .set(Name::calls, row.calls)
+        .set(Name::avg_ms, row.avg_ms)
+        .set(Name::slow, row.slow)
+        .map();
+}
+
+cppy::ptr answer(const Names& names, const ToolSummary& tool, Pacer& pacer) {
+    const auto& health = tool.health;
+    const auto rows = owned(PyList_New(0));
+    for (const auto& row : tool.usage) {
+        checked(PyList_Append(rows.get(), answer(names, row).get()));
+        pacer.step();
+    }
+    return AnswerMap(names)
+        .set(Name::tool_name, health.tool)
+        .set(Name::call_count, health.call_count)
+        .set(Name::error_count, health.error_count)
+        .set(Name::last_error, health.last_error)
+        .set(Name::disabled, health.disabled_at.has_value())
+        .set(Name::disabled_at, health.disabled_at)
+        .set(Name::updated_at, std::optional(health.updated_at))
+        .set(Name::usage, rows)
+        .map();
+}
+
+}  // namespace
+
+cppy::ptr get_health_summary(Tracker& tracker) {
+    const auto tools = gather(tracker);
+    auto answers = owned(PyList_New(0));
+    Pacer pacer;
+    for (const auto& tool : tools) {
+        checked(PyList_Append(answers.get(), answer(tracker.module.names, tool, pacer).get()));
+        pacer.step();
+    }
+    return answers;
+}
+
+}  // namespace health

@@ -1,0 +1,88 @@
+#include "module/values.hpp"
+
+#include <variant>
+
+namespace health {
+namespace {
+
+struct ErrorToPython {
+    cppy::ptr operator()(std::monostate /*none*/) const { return none(); }
+    cppy::ptr operator()(const std::string& text) const {
+        return to_python(std::string_view(text));
+    }
+    cppy::ptr operator()(Count integer) const { return to_python(integer); }
+    cppy::ptr operator()(double real) const { return owned(PyFloat_FromDouble(real)); }
+    cppy::ptr operator()(const Blob& blob) const {
+        return owned(PyBytes_FromStringAndSize(blob.bytes.data(),
+                                               static_cast<Py_ssize_t>(blob.bytes.size())));
+    }
+};
+
+}  // namespace
+
+void Text::encode(PyObject* text) {
+    Py_ssize_t size = 0;
+    if (const char* utf8 = PyUnicode_AsUTF8AndSize(text, &size)) {
+        view_ = {utf8, static_cast<std::size_t>(size)};
+        return;
+    }
+    if (!PyErr_ExceptionMatches(PyExc_UnicodeEncodeError)) {
+        throw PythonError();
+    }
+    PyErr_Clear();
+    encoded_ = owned(PyUnicode_AsEncodedString(text, "utf-8", "surrogatepass"));
+    view_ = {PyBytes_AS_STRING(encoded_.get()),
+             static_cast<std::size_t>(PyBytes_GET_SIZE(encoded_.get()))};
+}
+
+cppy::ptr to_python(std::string_view text) {
+    return owned(
+        PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()), "surrogatepass"));
+}
+
+cppy::ptr to_python(const std::optional<std::string_view>& text) {
+    return text ? to_python(*text) : none();
+}
+
+cppy::ptr to_python(const std::optional<TimestampText>& text) {
+    return text ? to_python(view(*text)) : none();
+}
+
+cppy::ptr to_python(const LastError& error) { return std::visit(ErrorToPython(), error); }
+
+cppy::ptr to_python(const std::optional<double>& number) {
+    return number ? owned(PyFloat_FromDouble(*number)) : none();
+}
+
+cppy::ptr to_python(Count count) { return owned(PyLong_FromLongLong(count)); }
+
+Count to_count(PyObject* integer) {
+    const Count count = PyLong_AsLongLong(integer);
+    if (count == -1 && PyErr_Occurred() != nullptr) {
+        throw PythonError();
+    }
+    return count;
+}
+
+LastError to_last_error(PyObject* value) {
+    if (value == Py_None) {
+        return {};
+    }
+    if (PyUnicode_Check(value)) {
+        return std::string(Text(value));
+    }
+    if (PyLong_Check(value)) {
+        return to_count(value);
+    }
+    if (PyFloat_Check(value)) {
+        return PyFloat_AS_DOUBLE(value);
+    }
+    if (PyBytes_Check(value)) {
+        return Blob{std::string(PyBytes_AS_STRING(value),
+                                static_cast<std::size_t>(PyBytes_GET_SIZE(value)))};
+    }
+    PyErr_Format(PyExc_TypeError, "last_error cannot be %.200s", Py_TYPE(value)->tp_name);
+    throw PythonError();
+}
+
+}  // namespace health

@@ -1,0 +1,58 @@
+// Values between Python and the core.
+#pragma once
+
+#include <concepts>
+#include <optional>
+#include <string_view>
+
+#include "core/number.hpp"
+#include "core/timestamp.hpp"
+#include "core/tool_states.hpp"
+#include "module/python.hpp"
+
+namespace health {
+
+// A Python text as the core reads it, lone surrogates included. Valid as long as the object.
+class Text {
+public:
+    explicit Text(PyObject* text) {
+        if (PyUnicode_IS_COMPACT_ASCII(text)) {
+            view_ = {static_cast<const char*>(PyUnicode_DATA(text)),
+                     static_cast<std::size_t>(PyUnicode_GET_LENGTH(text))};
+        } else {
+            encode(text);
+        }
+    }
+
+    operator std::string_view() const { return view_; }
+
+private:
+    void encode(PyObject* text);
+
+    std::string_view view_;
+    cppy::ptr encoded_;  // only for text that UTF-8 cannot express
+};
+
+cppy::ptr to_python(std::string_view text);
+cppy::ptr to_python(const std::optional<std::string_view>& text);
+cppy::ptr to_python(const std::optional<TimestampText>& text);
+cppy::ptr to_python(const LastError& error);
+cppy::ptr to_python(const std::optional<double>& number);
+cppy::ptr to_python(Count count);
+
+// Of a bool only: anything that merely converts to one, such as a literal's address, is refused.
+cppy::ptr to_python(std::same_as<bool> auto truth) { return shared(truth ? Py_True : Py_False); }
+
+// A Python integer as a count; OverflowError when it does not fit.
+Count to_count(PyObject* integer);
+
+// A last error as the database holds it: none, text, integer, real or blob.
+LastError to_last_error(PyObject* value);
+
+// A tuple of values, which are references of the caller's.
+template <class... Values>
+cppy::ptr make_tuple(const Values&... values) {
+    return owned(PyTuple_Pack(sizeof...(values), values.get()...));
+}
+
+}  // namespace health
