@@ -7,6 +7,7 @@
 #include "module/health_mirror.hpp"
 #include "module/module_state.hpp"
 #include "module/records.hpp"
+#include "module/status_reports.hpp"
 #include "module/tracker.hpp"
 #include "module/usage_mirror.hpp"
 #include "module/values.hpp"
@@ -55,6 +56,14 @@ PyObject* with_arguments(PyObject* module, PyObject* const* arguments, Py_ssize_
     });
 }
 
+template <cppy::ptr (*Function)(const ModuleState&)>
+PyMethodDef function(const char* name, const char* doc) {
+    const PyCFunction function = [](PyObject* module, PyObject* /*none*/) {
+        return guarded([&] { return Function(state_of(module)); });
+    };
+    return {name, function, METH_NOARGS, doc};
+}
+
 template <cppy::ptr (*Function)(const ModuleState&, const Call&)>
 PyMethodDef function(const char* name, const char* doc) {
     const _PyCFunctionFastWithKeywords function = with_arguments<Function>;
@@ -83,7 +92,33 @@ PyDoc_STRVAR(kKnownDoc, R"(_known($module, tool, action)
 
 Whether the registry has the tool and, unless `action` is None, that action.)");
 
+PyDoc_STRVAR(kPerformanceStatsDoc, R"(handle_get_tool_performance_stats($module)
+--
+
+The performance metrics of all tools, as the timing collector has them: a dict
+whose "tools" is a list of dicts with name, count, avg_ms, p95_ms, min_ms,
+max_ms (milliseconds) and errors, in the collector's order.
+
+Raises KeyError for a record of the collector's that lacks one of these.)");
+
+PyDoc_STRVAR(kThreadCensusReportDoc, R"(thread_census_report($module, budget, census=None)
+--
+
+A report on the process's threads, as a new dict: os (the operating system's
+count, left out where it has none), python (the interpreter's count),
+python_by_name, budget, and warning, a text, only when there are more threads
+than the budget.
+
+Arguments:
+    budget: the most threads that the process's pools allow, int.
+    census: a ThreadCensus; one is taken now, which may block, when None.
+
+Raises TypeError for a budget that is no integer and AttributeError for a census
+that lacks a field.)");
+
 std::array functions{
+    function<tool_performance_stats>("handle_get_tool_performance_stats", kPerformanceStatsDoc),
+    function<thread_census_report>("thread_census_report", kThreadCensusReportDoc),
     function<sqlite_time>("_sqlite_time", kSqliteTimeDoc),
     function<epoch>("_epoch", kEpochDoc),
     function<known>("_known", kKnownDoc),

@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "core/summary.hpp"
+#include "module/answer_map.hpp"
 #include "module/collaborators.hpp"
 #include "module/tracker.hpp"
 #include "module/values.hpp"
@@ -49,27 +50,6 @@ std::vector<ToolSummary> gather(Tracker& tracker) {
     }
     return tools;
 }
-
-// Fills an answer map in the order of the calls.
-class AnswerMap {
-public:
-    explicit AnswerMap(const Names& names) : names_(names) {}
-
-    template <class Value>
-    AnswerMap& set(Name key, const Value& value) {
-        return set(key, to_python(value));
-    }
-    AnswerMap& set(Name key, const cppy::ptr& value) {
-        checked(PyDict_SetItem(map_.get(), names_[key], value.get()));
-        return *this;
-    }
-
-    cppy::ptr map() const { return map_; }
-
-private:
-    const Names& names_;
-    cppy::ptr map_ = owned(PyDict_New());
-};
 
 cppy::ptr answer(const Names& names, const UsageRow& row) {
     return AnswerMap(names)

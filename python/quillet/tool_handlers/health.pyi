@@ -1,9 +1,9 @@
 """Tool health: which tools fail, which are disabled, and how all of them are used."""
 
 import logging
-from collections.abc import Sequence
+from collections.abc import Mapping, Sequence
 from dataclasses import dataclass
-from typing import Any, Final, Protocol, TypeAlias, TypedDict
+from typing import Any, Final, NotRequired, Protocol, TypeAlias, TypedDict
 
 logger: logging.Logger
 
@@ -74,6 +74,42 @@ class HealthRecord(TypedDict):
     updated_at: str
     usage: list[UsageRow]
 
+class ToolPerformance(TypedDict):
+    """One tool of `handle_get_tool_performance_stats`. Only a type: not in the module.
+
+    The values are the timing collector's own.
+    """
+
+    name: str
+    count: int
+    avg_ms: float
+    p95_ms: float
+    min_ms: float
+    max_ms: float
+    errors: int
+
+class ToolPerformanceStats(TypedDict):
+    """The answer of `handle_get_tool_performance_stats`. Only a type: not in the module."""
+
+    tools: list[ToolPerformance]
+
+class ThreadReport(TypedDict):
+    """The answer of `thread_census_report`. Only a type: not in the module."""
+
+    os: NotRequired[int]
+    python: int
+    python_by_name: dict[str, int]
+    budget: int
+    warning: NotRequired[str]
+
+class _ThreadCensus(Protocol):
+    @property
+    def os_threads(self) -> int | None: ...
+    @property
+    def python_total(self) -> int: ...
+    @property
+    def python_threads(self) -> Mapping[str, int]: ...
+
 class ToolHealthTracker:
     """The health of a repository's tools.
 
@@ -127,3 +163,9 @@ def _epoch(text: str | None) -> float | None:
 
 def _known(tool: object, action: object) -> bool:
     """Whether the registry has the tool and, unless `action` is None, that action."""
+
+def handle_get_tool_performance_stats() -> ToolPerformanceStats:
+    """The performance metrics of all tools, as the timing collector has them."""
+
+def thread_census_report(budget: int, census: _ThreadCensus | None = None) -> ThreadReport:
+    """A report on the process's threads, with a warning when there are more than the budget."""

@@ -1,0 +1,15 @@
+// The answers of the status tools that need no tracker.
+#pragma once
+
+#include "module/arguments.hpp"
+#include "module/module_state.hpp"
+#include "module/python.hpp"
+
+namespace health {
+
+// performance_stats.cpp
+cppy::ptr tool_performance_stats(const ModuleState& module);
+// thread_report.cpp
+cppy::ptr thread_census_report(const ModuleState& module, const Call& call);
+
+}  // namespace health
