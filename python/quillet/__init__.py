@@ -1,0 +1,1 @@
+"""A stand-in for the daemon around the tool-health component: just enough to serve real calls."""

@@ -1,0 +1,44 @@
+"""The daemon's configuration file, of which only the settings of the tools are kept."""
+
+import sys
+import tomllib
+from dataclasses import dataclass
+from pathlib import Path
+from typing import Any
+
+
+@dataclass(frozen=True)
+class ToolsConfig:
+    """How many errors in a row disable a tool, and for how long."""
+
+    disable_after_errors: int = 5
+    disable_cooldown_s: float = 300.0
+
+
+_KINDS = {
+    "disable_after_errors": (int, "a whole number"),
+    "disable_cooldown_s": (int | float, "a number"),
+}
+
+
+def read_tools_config(path: Path) -> ToolsConfig:
+    """The settings in the file's [tools] table; a ValueError says what is wrong with them."""
+    try:
+        table = tomllib.loads(path.read_text(encoding="utf-8")).get("tools", {})
+        if not isinstance(table, dict):
+            raise ValueError("tools must be a table")
+        for key, value in table.items():
+            _check(key, value)
+    except ValueError as error:
+        raise ValueError(f"{path}: {error}") from error
+    return ToolsConfig(**table)
+
+
+def _check(key: str, value: Any) -> None:
+    if key not in _KINDS:
+        raise ValueError(f"tools.{key} is not a setting, only {' and '.join(_KINDS)} are")
+    kind, description = _KINDS[key]
+    if isinstance(value, bool) or not isinstance(value, kind):
+        raise ValueError(f"tools.{key} must be {description}")
+    if not 0 <= value <= sys.float_info.max:
+        raise ValueError(f"tools.{key} must be finite and not negative")

@@ -1,0 +1,41 @@
+"""Saves the tools' health from a thread of its own, which may wait for the database."""
+
+import logging
+import threading
+from typing import Self
+
+from quillet.tool_handlers.health import ToolHealthTracker
+
+PERIOD_S = 2.0
+
+logger = logging.getLogger(__name__)
+
+
+class Flusher:
+    """Flushes a tracker now and then while it is entered, and once more when it is left."""
+
+    def __init__(self, tracker: ToolHealthTracker) -> None:
+        self._tracker = tracker
+        self._stop = threading.Event()
+        self._thread = threading.Thread(target=self._work, name="flusher")
+
+    def __enter__(self) -> Self:
+        self._thread.start()
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self._stop.set()
+        self._thread.join()
+
+    def _work(self) -> None:
+        while not self._stop.wait(PERIOD_S):
+            self._flush()
+        self._flush()
+
+    def _flush(self) -> None:
+        if not self._tracker.has_unsaved_changes:
+            return
+        try:
+            self._tracker.flush()
+        except Exception as error:
+            logger.warning("Could not save the tool health this time: %s", error)

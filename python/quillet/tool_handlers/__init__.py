@@ -1,0 +1,1 @@
+"""The functions behind the tools, and the tools' health."""

@@ -1,0 +1,34 @@
+"""Stands in for the local embedding model: it hardly computes, but keeps threads like the real one.
+
+A thread that ran it keeps a team of further threads for as long as it lives.
+"""
+
+import hashlib
+import os
+import threading
+from concurrent.futures import ThreadPoolExecutor
+from typing import Any
+
+from quillet.tool_handlers.context import ToolContext
+
+OWN_TEAM_SIZE = 8
+MAX_TEAM_SIZE = 64
+
+_kept = threading.local()
+
+
+def embed_text(context: ToolContext, text: str) -> dict[str, Any]:
+    """A text's vector, which here is its digest."""
+    if not hasattr(_kept, "team"):
+        _kept.team = _start_team()
+    digest = hashlib.blake2b(text.encode("utf-8", "surrogatepass"), digest_size=8).digest()
+    return {"vector": list(digest)}
+
+
+def _start_team() -> ThreadPoolExecutor:
+    allowed = int(os.environ.get("QUILLET_EMBED_THREADS", "0"))
+    size = min(allowed or OWN_TEAM_SIZE, MAX_TEAM_SIZE)
+    team = ThreadPoolExecutor(size, thread_name_prefix="embedding")
+    all_started = threading.Barrier(size)
+    list(team.map(lambda _: all_started.wait(), range(size)))
+    return team

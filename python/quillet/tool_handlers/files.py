@@ -1,0 +1,83 @@
+"""The tools that read the repository's files; they stand in for those that ask its index."""
+
+import os
+from collections import Counter
+from collections.abc import Iterator
+from itertools import islice
+from pathlib import Path
+from typing import Any
+
+from quillet.repository import OWN_FOLDER
+from quillet.tool_handlers.context import ToolContext
+
+SKIPPED_FOLDERS = {".git", OWN_FOLDER}
+MAX_FILE_BYTES = 1_000_000
+MAX_ROWS = 100
+MAX_LINE_CHARS = 200
+LANGUAGES = {".cpp": "C++", ".hpp": "C++", ".py": "Python", ".md": "Markdown", ".toml": "TOML"}
+
+
+def search_text(context: ToolContext, text: str, path: str = ".") -> dict[str, Any]:
+    """The lines that hold a text, in one file or all files below a folder."""
+    found = list(islice(_matches(context.root, path, text), MAX_ROWS + 1))
+    return {"matches": found[:MAX_ROWS], "more": len(found) > MAX_ROWS}
+
+
+def read_file(context: ToolContext, path: str, first_line: int = 1) -> dict[str, Any]:
+    """A file's lines from one on, as many as an answer may hold."""
+    lines = _read_lines(_inside(context.root, path))
+    skipped = max(first_line, 1) - 1
+    shown = [line[:MAX_LINE_CHARS] for line in lines[skipped : skipped + MAX_ROWS]]
+    return {"path": path, "first_line": skipped + 1, "lines": shown, "lines_in_file": len(lines)}
+
+
+def count_lines(context: ToolContext, path: str = ".") -> dict[str, int]:
+    """The number of lines in each language, the most first."""
+    counts: Counter[str] = Counter()
+    for file, lines in _text_files(context.root, path):
+        counts[LANGUAGES.get(file.suffix, "other")] += len(lines)
+    return dict(counts.most_common())
+
+
+def _matches(root: Path, path: str, text: str) -> Iterator[dict[str, Any]]:
+    for file, lines in _text_files(root, path):
+        for number, line in enumerate(lines, 1):
+            if text in line:
+                yield {"path": str(file), "line": number, "text": line.strip()[:MAX_LINE_CHARS]}
+
+
+def _text_files(root: Path, path: str) -> Iterator[tuple[Path, list[str]]]:
+    """The files, named from the root, with their lines; those that cannot be read are left out."""
+    for file in _files(_inside(root, path)):
+        try:
+            yield file.relative_to(root), _read_lines(file)
+        except (OSError, ValueError):
+            continue
+
+
+def _files(start: Path) -> Iterator[Path]:
+    if start.is_file():
+        yield start
+    for folder, folders, names in os.walk(start):
+        folders[:] = sorted(set(folders) - SKIPPED_FOLDERS)
+        paths = (Path(folder, name) for name in sorted(names))
+        yield from (path for path in paths if not os.path.islink(path))
+
+
+def _inside(root: Path, path: str) -> Path:
+    """The file or folder that a call names, links followed."""
+    found = (root / path).resolve()
+    if not found.is_relative_to(root) or SKIPPED_FOLDERS & set(found.relative_to(root).parts):
+        raise PermissionError(f"{path} is not among the repository's files")
+    if not found.exists():
+        raise FileNotFoundError(f"there is no {path} in the repository")
+    return found
+
+
+def _read_lines(file: Path) -> list[str]:
+    if not file.is_file() or file.stat().st_size > MAX_FILE_BYTES:
+        raise ValueError(f"{file.name} is not a file of at most {MAX_FILE_BYTES} bytes")
+    data = file.read_bytes()
+    if b"\0" in data:
+        raise ValueError(f"{file.name} is not a text file")
+    return [line.decode("utf-8", "replace") for line in data.splitlines()]

@@ -1,0 +1,26 @@
+"""The tools that tell the agent how the daemon itself fares."""
+
+from typing import Any
+
+from quillet.tool_handlers import health
+from quillet.tool_handlers.context import ToolContext
+from quillet.utils.process import thread_census
+
+
+def perf_stats(context: ToolContext) -> dict[str, Any]:
+    """The tools' health, how long a disabled one stays so, and the threads."""
+    return {
+        "tools": context.tracker.get_health_summary(),
+        "cooldown_s": context.tracker.cooldown_s,
+        "threads": threads(context),
+    }
+
+
+def threads(context: ToolContext) -> dict[str, Any]:
+    """The process's threads against the most that the pools allow."""
+    return health.thread_census_report(context.thread_budget, thread_census())
+
+
+def tool_performance_stats(context: ToolContext) -> dict[str, Any]:
+    """The times that the tools took in this process."""
+    return health.handle_get_tool_performance_stats()

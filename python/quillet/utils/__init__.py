@@ -1,0 +1,1 @@
+"""Measurements of the process: its threads and the time that its tools take."""
