@@ -1,0 +1,69 @@
+import pytest
+from quillet.config import ToolsConfig
+from quillet.repository import Repository
+from quillet.tool_handlers import health
+
+
+class Spec:
+    def __init__(self, *actions):
+        self.actions = actions
+
+    def action(self, name):
+        return 0 if isinstance(name, str) and name in self.actions else None
+
+
+class SpyDatabase:
+    """The real database, with its calls kept and failures on demand."""
+
+    def __init__(self, db):
+        self.db = db
+        self.calls = []
+        self.failures = {}
+
+    def __getattr__(self, operation):
+        def call(sql, *parameters):
+            self.calls.append((operation, sql, *parameters))
+            if operation in self.failures:
+                raise self.failures[operation]
+            return getattr(self.db, operation)(sql, *parameters)
+
+        return call
+
+
+class SpyRepository:
+    def __init__(self, repository):
+        self.db = SpyDatabase(repository.db)
+
+
+@pytest.fixture
+def repository(tmp_path):
+    with Repository(tmp_path) as repository:
+        yield SpyRepository(repository)
+
+
+@pytest.fixture
+def db(repository):
+    """The database itself, past the spy."""
+    return repository.db.db
+
+
+@pytest.fixture
+def tracker(repository):
+    """Makes trackers over the same repository: each call is a start of the daemon."""
+
+    def start(errors=3, cooldown=1000.0):
+        return health.ToolHealthTracker(repository, ToolsConfig(errors, cooldown))
+
+    return start
+
+
+@pytest.fixture(autouse=True)
+def daemon(monkeypatch):
+    tools = {"a": Spec("x", "y"), "b": Spec(), "c": Spec()}
+    monkeypatch.setattr(health, "TOOLS", tools, raising=False)
+    monkeypatch.setattr(health, "is_slow_call", lambda tool, action: action == "x", raising=False)
+    return tools
+
+
+def call(tracker, tool="a", action=None, outcome="ok", alias_hit=False, duration_ms=None):
+    tracker.record_call(tool, action, outcome, alias_hit=alias_hit, duration_ms=duration_ms)

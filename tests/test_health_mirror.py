@@ -1,0 +1,170 @@
+"""The tool_health table: what is read at a start, and what a flush writes."""
+
+import logging
+import sqlite3
+
+import pytest
+from conftest import call
+from quillet.tool_handlers import health
+
+UPSERT = """INSERT INTO tool_health (tool_name, call_count, error_count, last_error, disabled_at, updated_at)
+                    VALUES (?, ?, ?, ?, ?, ?)
+                    ON CONFLICT(tool_name) DO UPDATE SET
+                        call_count = excluded.call_count,
+                        error_count = excluded.error_count,
+                        last_error = excluded.last_error,
+                        disabled_at = excluded.disabled_at,
+                        updated_at = excluded.updated_at"""
+DELETE = "DELETE FROM tool_health WHERE tool_name = ?"
+SELECT = f"SELECT {health._TOOL_HEALTH_COLUMNS} FROM tool_health"
+
+
+class Rows:
+    """A database with the given rows of tool_health, whatever SQLite would make of them."""
+
+    def __init__(self, *rows):
+        self.rows = rows
+        self.db = self
+
+    def fetchall(self, sql):
+        return self.rows
+
+    def fetchone(self, sql, parameters):
+        return None
+
+
+def test_a_state_survives_a_restart(tracker, db):
+    t = tracker(errors=1)
+    t.record_error("b", "\u20ac")
+    t.record_success("a")
+    assert t.flush() == 2
+    assert not t.has_unsaved_changes
+    stored = {name: (calls, errors, text) for name, calls, errors, text, _, _ in db.fetchall(SELECT)}
+    assert stored == {"a": (1, 0, None), "b": (1, 1, "\u20ac")}
+    again = tracker(errors=2)
+    assert again._state["b"].disabled_at == int(t._state["b"].disabled_at)
+    assert again._state["b"].consecutive_errors == 0
+    assert again.is_disabled("b") == (True, "\u20ac")
+    assert not again.has_unsaved_changes
+    again.record_success("b")
+    again.flush()
+    assert tracker()._state["b"].disabled_at is None
+
+
+def test_a_flush_is_one_write_of_the_changed_rows_by_name(tracker, repository):
+    t = tracker()
+    for tool in ("b", "a", "c", "a"):
+        t.record_success(tool)
+    repository.db.calls.clear()
+    assert t._flush_health() == 3
+    [(operation, sql, rows)] = repository.db.calls
+    assert (operation, sql) == ("executemany", UPSERT)
+    assert [row[:5] for row in rows] == [
+        ("a", 2, 0, None, None), ("b", 1, 0, None, None), ("c", 1, 0, None, None)]  # fmt: skip
+    assert rows[0][5] == health._sqlite_time(t._state["a"].updated_at)
+    assert t.flush() == 0
+    assert len(repository.db.calls) == 1
+
+
+@pytest.mark.parametrize("failure", [sqlite3.OperationalError("disk"), KeyboardInterrupt()])
+def test_a_failed_write_is_tried_again(tracker, repository, failure):
+    t = tracker()
+    t.record_success("a")
+    call(t)
+    repository.db.failures["executemany"] = failure
+    repository.db.calls.clear()
+    with pytest.raises(type(failure)) as raised:
+        t.flush()
+    assert raised.value is failure
+    assert [operation for operation, *_ in repository.db.calls] == ["executemany"]
+    t.record_success("b")
+    assert t._dirty == {"a", "b"} and t._usage_dirty
+    repository.db.failures.clear()
+    assert t.flush() == 3
+
+
+def test_rows_of_removed_tools_are_deleted(tracker, repository, db, daemon):
+    t = tracker()
+    for tool in ("a", "b", "c"):
+        t.record_success(tool)
+    t.flush()
+    del daemon["a"], daemon["c"]
+    repository.db.calls.clear()
+    assert list(tracker()._state) == ["b"]
+    assert repository.db.calls[:2] == [
+        ("fetchall", SELECT), ("executemany", DELETE, [("a",), ("c",)])]  # fmt: skip
+    assert [row[0] for row in db.fetchall(SELECT)] == ["b"]
+
+
+@pytest.mark.parametrize("operation", ["fetchall", "executemany"])
+def test_an_unreadable_history_is_logged_and_left_out(
+    tracker, repository, daemon, caplog, operation
+):
+    t = tracker()
+    t.record_success("a")
+    t.record_success("b")
+    call(t)
+    t.flush()
+    del daemon["b"]
+    error = RuntimeError("no luck")
+    repository.db.failures[operation] = error
+    again = tracker()
+    assert again._state == {} and len(again._usage) == 1
+    [record] = caplog.records
+    assert (record.name, record.levelno) == (health.__name__, logging.WARNING)
+    assert (record.msg, record.args) == ("Could not read the tool health history: %s", (error,))
+    repository.db.failures[operation] = KeyboardInterrupt()
+    with pytest.raises(KeyboardInterrupt):
+        tracker()
+
+
+@pytest.mark.parametrize(
+    ("calls", "expected"),
+    [(None, 0), ("", 0), (0, 0), (0.0, 0), (7, 7), (-3, -3), (2.9, 2), (-2.9, -2), (" +1_0 ", 10),
+     (2**63 - 1, 2**63 - 1)],  # fmt: skip
+)
+def test_stored_values_are_read(calls, expected):
+    t = health.ToolHealthTracker(Rows(("a", calls, None, b"\xff", "not a time", None)))
+    state = health._ToolState(expected, 0, b"\xff", None, 0.0)
+    assert t._state == {"a": state}
+    t.record_success("a")
+    assert t._state["a"].call_count == min(expected + 1, 2**63 - 1)
+
+
+@pytest.mark.parametrize(
+    ("row", "error"),
+    [
+        (("c", "1.5", 0, None, None, None), ValueError),
+        (("c", 0, "x", None, None, None), ValueError),
+        (("c", 2**63, 0, None, None, None), OverflowError),
+        (("c", float("inf"), 0, None, None, None), OverflowError),
+        (("c", 0, 0, None, 5, None), TypeError),
+        (("c", 0, 0, None, None, b"x"), TypeError),
+        (("c", 0, 0, object(), None, None), TypeError),
+        (("c", 0, 0), ValueError),
+    ],
+)
+def test_stored_values_that_do_not_convert_are_errors(tracker, row, error, caplog):
+    with pytest.raises(error):
+        health.ToolHealthTracker(Rows(("a", 1, 1, "e", None, None), row))
+    t = tracker()
+    t._repo.db.fetchall = lambda sql: [("a", 1, 1, "e", None, None), row]
+    with pytest.raises(error):
+        t._load()
+    assert list(t._state) == ["a"] and not caplog.records
+    t.record_success("a")  # the lock is free
+
+
+def test_timestamp_functions():
+    assert health._sqlite_time(None) is None
+    assert health._sqlite_time(0) == "1970-01-01 00:00:00"
+    assert health._sqlite_time(1700000000.5) == "2023-11-14 22:13:20"
+    assert [health._epoch(value) for value in (None, "", 0, "1970-01-01 00:00:00")] == [
+        None, None, None, 0.0]  # fmt: skip
+    assert health._epoch("2023-11-14 22:13:60") is health._epoch("2023\udc80") is None
+    for time in (1e12, -1e12, float("nan"), float("inf"), 10**400):
+        with pytest.raises(ValueError):
+            health._sqlite_time(time)
+    for wrong in (5, 1.5, b"2023-11-14 22:13:20"):
+        with pytest.raises(TypeError):
+            health._epoch(wrong)

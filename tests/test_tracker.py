@@ -1,0 +1,231 @@
+"""The tracker in memory, and the class as its callers see it."""
+
+import copy
+import gc
+import inspect
+import pydoc
+import time
+import weakref
+from unittest import mock
+
+import pytest
+from conftest import call
+from quillet.config import ToolsConfig
+from quillet.tool_handlers import health
+
+
+def test_errors_disable_and_a_success_enables(tracker):
+    t = tracker(errors=3)
+    before = time.time()
+    for text in ("1", "2", "x" * 600):
+        assert t.is_disabled("a") == (False, None)
+        t.record_error("a", text)
+    state = t._state["a"]
+    assert t.is_disabled("a") == (True, "x" * 500)
+    assert before <= state.disabled_at == state.updated_at <= time.time()
+    t.record_error("a", None)
+    assert t.is_disabled("a") == (True, "")
+    assert t._state["a"].disabled_at > state.disabled_at
+    t.record_success("a")
+    assert t.is_disabled("a") == (False, None)
+    assert (t._state["a"].call_count, t._state["a"].error_count) == (5, 4)
+    assert t._state["a"].consecutive_errors == 0
+
+
+@pytest.mark.parametrize("cooldown", [0.0, 0, -1, False])
+def test_a_cooldown_that_has_passed_enables(tracker, cooldown):
+    t = tracker(errors=1, cooldown=cooldown)
+    t.record_error("a", "e")
+    t.flush()
+    assert t.is_disabled("a") == (False, None)
+    state = t._state["a"]
+    assert (state.disabled_at, state.consecutive_errors, state.last_error) == (None, 0, "e")
+    assert t._dirty == {"a"}
+
+
+@pytest.mark.parametrize("cooldown", [1e9, 10**400, float("inf"), float("nan")])
+def test_a_cooldown_that_has_not_passed_disables(tracker, cooldown):
+    t = tracker(errors=1, cooldown=cooldown)
+    t.record_error("a", "e")
+    assert t.is_disabled("a") == (True, "e")
+
+
+def test_the_cooldown_is_read_through_its_property(tracker):
+    class Patient(health.ToolHealthTracker):
+        cooldown_s = 0.0
+
+    t = Patient(tracker()._repo, ToolsConfig(1, 1000.0))
+    t.record_error("a", "e")
+    assert t.is_disabled("a") == (False, None)
+
+
+def test_an_unknown_tool_leaves_nothing_behind(tracker):
+    t = tracker()
+    assert t.is_disabled("never seen") == (False, None)
+    assert (t._state, t._dirty, t.has_unsaved_changes) == ({}, set(), False)
+
+
+def test_settings_are_read_when_they_are_needed(tracker):
+    class Settings:
+        disable_after_errors = 10**30
+
+    t = health.ToolHealthTracker(tracker()._repo, Settings)
+    assert t.limits is t._limits is Settings
+    t.record_error("a", "1")
+    Settings.disable_after_errors = 2
+    t.record_error("a", "2")
+    with pytest.raises(AttributeError, match="disable_cooldown_s"):
+        t.is_disabled("a")
+    Settings.disable_cooldown_s = 50
+    assert t.is_disabled("a") == (True, "2")
+    del Settings.disable_after_errors
+    t.flush()
+    with pytest.raises(AttributeError, match="disable_after_errors"):
+        t.record_error("a", "3")
+    assert t._state["a"].error_count == 3
+    assert not t.has_unsaved_changes
+    assert health.ToolHealthTracker(t._repo).limits == ToolsConfig()
+
+
+def test_calls_are_counted_by_key(tracker):
+    t = tracker()
+    call(t, duration_ms=0.0)
+    call(t, duration_ms=2)
+    call(t, duration_ms=None)
+    call(t, action="None")
+    call(t, alias_hit=True)
+    assert list(t._usage.items()) == [
+        (("a", None, "ok", False), health._Usage(3, 2, 2.0)),
+        (("a", "None", "ok", False), health._Usage(1)),
+        (("a", None, "ok", True), health._Usage(1)),
+    ]
+    assert t._usage_dirty
+
+
+TEXTS = ["", "é", "\ud800", "\ud83d\ude00", "\U0001f600", "a\0b", "\udcff" * 501]
+
+
+@pytest.mark.parametrize("text", TEXTS)
+def test_any_text_comes_back_unchanged(tracker, text):
+    t = tracker(errors=1)
+    t.record_error(text, text)
+    call(t, text, text, text)
+    assert t.is_disabled(text) == (True, text[:500])
+    assert t._state[text].last_error == text[:500]
+    assert list(t._usage) == [(text, text, text, False)]
+    row = t.get_health_summary()[0]
+    assert (row["tool_name"], row["usage"][0]["action"]) == (text, text)
+
+
+C = "ToolHealthTracker."
+WRONG = [
+    ("record_call", (), {}, "record_call() missing 3 required positional arguments: "
+     "'tool_name', 'action', and 'outcome'"),
+    ("record_call", ("a", None, "ok"), {"alias_hit": True},
+     "record_call() missing 1 required keyword-only argument: 'duration_ms'"),
+    ("record_call", ("a", None, "ok", True, 1.0), {},
+     "record_call() takes 4 positional arguments but 6 were given"),
+    ("record_call", ("a", None, "ok", True), {"alias_hit": True, "duration_ms": None},
+     "record_call() takes 4 positional arguments but 5 positional arguments "
+     "(and 2 keyword-only arguments) were given"),
+    ("record_call", (1, None, "ok"), {"alias_hit": True, "duration_ms": None},
+     "record_call() argument 'tool_name' must be str, not int"),
+    ("record_call", ("a", 1, "ok"), {"alias_hit": True, "duration_ms": None},
+     "record_call() argument 'action' must be str or None, not int"),
+    ("record_call", ("a", None, None), {"alias_hit": True, "duration_ms": None},
+     "record_call() argument 'outcome' must be str, not None"),
+    ("record_call", ("a", None, "ok"), {"alias_hit": 1, "duration_ms": None},
+     "record_call() argument 'alias_hit' must be bool, not int"),
+    ("record_call", ("a", None, "ok"), {"alias_hit": True, "duration_ms": "1"},
+     "record_call() argument 'duration_ms' must be a number or None, not str"),
+    ("record_success", ("a", "b"), {},
+     "record_success() takes 2 positional arguments but 3 were given"),
+    ("record_success", (), {"tool": "a"},
+     "record_success() got an unexpected keyword argument 'tool'"),
+    ("record_error", ("a",), {},
+     "record_error() missing 1 required positional argument: 'error'"),
+    ("record_error", ("a", ValueError("e")), {},
+     "record_error() argument 'error' must be str or None, not ValueError"),
+    ("is_disabled", ("a",), {"tool_name": "a"},
+     "is_disabled() got multiple values for argument 'tool_name'"),
+    ("is_disabled", (b"a",), {}, "is_disabled() argument 'tool_name' must be str, not bytes"),
+    ("__init__", (), {}, "__init__() missing 1 required positional argument: 'repository'"),
+    ("__init__", (1, 2, 3), {}, "__init__() takes from 2 to 3 positional arguments but 4 were given"),
+]  # fmt: skip
+
+
+@pytest.mark.parametrize(("operation", "args", "kwargs", "message"), WRONG)
+def test_a_wrong_argument_is_named_and_records_nothing(tracker, operation, args, kwargs, message):
+    t = tracker()
+    with pytest.raises(TypeError) as error:
+        getattr(t, operation)(*args, **kwargs)
+    assert str(error.value) == C + message
+    assert (t._state, t._usage, t.has_unsaved_changes) == ({}, {}, False)
+
+
+def test_arguments_may_be_named(tracker):
+    t = health.ToolHealthTracker(limits=ToolsConfig(1), repository=tracker()._repo)
+    t.record_call(
+        **{"duration_ms": 1, "alias_hit": False}, tool_name="a", outcome="ok", action=None
+    )
+    t.record_error("a", error="e")
+    assert t.is_disabled(**{"".join(["tool_", "name"]): "a"}) == (True, "e")
+    with pytest.raises(OverflowError):
+        call(t, duration_ms=10**400)
+    assert t._usage[("a", None, "ok", False)].calls == 1
+
+
+def test_it_answers_like_a_python_class(tracker):
+    cls = health.ToolHealthTracker
+    assert cls.__module__ == health.__name__
+    assert str(inspect.signature(cls)) == "(repository, limits=None)"
+    for name in ("record_call", "record_success", "record_error", "is_disabled", "flush",
+                 "get_health_summary", "_load", "_flush_usage"):  # fmt: skip
+        assert "self" in inspect.signature(getattr(cls, name)).parameters
+    assert "cooldown_s" in pydoc.render_doc(cls) and "_sqlite_time" in dir(health)
+    t = tracker()
+    with mock.patch.object(cls, "is_disabled", return_value="patched"):
+        assert t.is_disabled("a") == "patched"
+    with mock.patch.object(t, "_flush_health", return_value=40):
+        call(t)
+        assert t.flush() == 41
+    t.note = "mine"
+    with pytest.raises(AttributeError):
+        t.limits = None
+    with pytest.raises(TypeError, match="pickle"):
+        copy.copy(t)
+
+
+def test_the_views_are_copies(tracker):
+    t = tracker()
+    t.record_success("a")
+    t._state["a"].call_count = 99
+    t._state.clear()
+    t._dirty.clear()
+    assert t._state["a"].call_count == 1 and t._dirty == {"a"}
+    assert health._ToolState() == health._ToolState(0, 0, None, None, 0.0, 0)
+
+
+def test_a_tracker_without_init_fails_cleanly(tracker):
+    t = health.ToolHealthTracker.__new__(health.ToolHealthTracker)
+    assert t.is_disabled("a") == (False, None)
+    for use in (lambda: t.limits, lambda: t._repo, t._load_usage, lambda: t.record_error("a", "")):
+        try:
+            use()
+        except AttributeError as error:
+            assert "has no attribute" in str(error)
+    with pytest.raises(RuntimeError, match="already"):
+        tracker().__init__(None)
+
+
+def test_a_cycle_of_tracker_and_repository_is_collected(tracker):
+    class Repository:
+        db = tracker()._repo.db
+
+    repository = Repository()
+    repository.tracker = health.ToolHealthTracker(repository)
+    repository.tracker.itself = repository.tracker
+    gone = weakref.ref(repository.tracker)
+    del repository
+    gc.collect()
+    assert gone() is None
