@@ -1,0 +1,40 @@
+"""How everything here is timed: contenders take turns, and medians are quoted."""
+
+import time
+from collections.abc import Callable, Iterable, Mapping
+from statistics import median
+from typing import Any
+
+Samples = dict[str, list[float]]
+
+
+def interleaved(rounds: int, measures: Mapping[str, Callable[[], float]]) -> Samples:
+    """Take each measure once a round, so that a drift of the machine's speed meets them all."""
+    samples: Samples = {name: [] for name in measures}
+    for _ in range(rounds):
+        for name, measure in measures.items():
+            samples[name].append(measure())
+    return samples
+
+
+def seconds(work: Callable[[], object]) -> float:
+    """How long one run of the work takes."""
+    start = time.perf_counter()
+    work()
+    return time.perf_counter() - start
+
+
+def timed_loop(call: str) -> Callable[[Any, Iterable[str]], float]:
+    """A loop that times `call` on a target and a name, compiled so that the call stands as its callers write it.
+
+    Every contender needs a loop of its own: the interpreter tunes a compiled call to the type it meets.
+    """
+    scope: dict[str, Any] = {"clock": time.perf_counter}
+    source = f"def loop(target, names):\n start = clock()\n for name in names:\n  {call}\n return clock() - start"
+    exec(source, scope)
+    return scope["loop"]
+
+
+def median_ratio(over: Iterable[float], under: Iterable[float]) -> float:
+    """The median over the rounds of one contender's figure divided by another's."""
+    return median(a / b for a, b in zip(over, under))
