@@ -88,15 +88,15 @@ void append_total(std::string& out, double total) {
 void append_entry(std::string& out, const UsageEntry& entry) {
     const auto& [key, usage] = entry;
     out += R"({"tool":)";
-    append_string(out, key->tool);
+    append_string(out, key->tool->text);
     out += R"(,"action":)";
-    if (key->action) {
-        append_string(out, *key->action);
+    if (key->action != nullptr) {
+        append_string(out, key->action->text);
     } else {
         out += "null";
     }
     out += R"(,"outcome":)";
-    append_string(out, key->outcome);
+    append_string(out, key->outcome->text);
     out += key->alias_hit ? R"(,"alias_hit":true,"calls":)" : R"(,"alias_hit":false,"calls":)";
     append_count(out, usage.calls);
     out += R"(,"timed_calls":)";

@@ -19,17 +19,17 @@ UsageRow usage_row(const UsageKey& key, const Usage& usage) {
 
 std::vector<ToolSummary> summarize(const ToolStates& states, const UsageCounts& usage) {
     std::vector<ToolSummary> tools;
-    std::unordered_map<std::string_view, std::size_t> positions;
+    std::unordered_map<HashedText, std::size_t, TextHash> positions;
     tools.reserve(states.entries().size());
     positions.reserve(states.entries().size());
     for (const auto& [tool, entry] : states.entries()) {
         positions.emplace(tool, tools.size());
-        tools.push_back({health_row(tool, entry.state), {}});
+        tools.push_back({health_row(tool, entry), {}});
     }
     for (const auto& [key, counts] : usage.entries()) {
-        const auto [position, is_new] = positions.emplace(key.tool, tools.size());
+        const auto [position, is_new] = positions.emplace(*key.tool, tools.size());
         if (is_new) {
-            tools.push_back({health_row(key.tool, {}), {}});
+            tools.push_back({health_row(*key.tool, {}), {}});
         }
         tools[position->second].usage.push_back(usage_row(key, counts));
     }
@@ -44,7 +44,9 @@ std::vector<ToolSummary> summarize(const ToolStates& states, const UsageCounts& 
 
 void sort_usage(std::vector<UsageRow>& rows) {
     const auto rank = [](const UsageRow& row) {
-        return std::tuple(row.key->action.value_or("None"), row.key->outcome, row.key->alias_hit);
+        const auto* action = row.key->action;
+        return std::tuple(action == nullptr ? "None" : action->text, row.key->outcome->text,
+                          row.key->alias_hit);
     };
     std::stable_sort(rows.begin(), rows.end(), [&](const UsageRow& left, const UsageRow& right) {
         return left.calls != right.calls ? left.calls > right.calls : rank(left) < rank(right);

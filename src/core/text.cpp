@@ -57,4 +57,11 @@ bool is_white_space(char32_t code_point) {
     });
 }
 
+HashedText TextStore::keep(const HashedText& text) {
+    const auto size = text.text.size();
+    auto* copy = static_cast<char*>(memory_.allocate(size, 1));
+    std::copy_n(text.text.data(), size, copy);
+    return {std::string_view(copy, size), text.hash};
+}
+
 }  // namespace health

@@ -3,8 +3,19 @@
 #include <algorithm>
 
 namespace health {
+namespace {
 
-HealthRow health_row(std::string_view tool, const ToolState& state) {
+// A tool tends to fail the same way again: the text is copied only when it is another one.
+void keep_error(LastError& kept, std::string_view error) {
+    const auto* text = kept ? std::get_if<std::string>(kept.get()) : nullptr;
+    if (text == nullptr || *text != error) {
+        kept = std::make_shared<const ErrorValue>(std::in_place_type<std::string>, error);
+    }
+}
+
+}  // namespace
+
+HealthRow health_row(const HashedText& tool, const ToolState& state) {
     return {
         .tool = tool,
         .call_count = state.call_count,
@@ -16,9 +27,9 @@ HealthRow health_row(std::string_view tool, const ToolState& state) {
     };
 }
 
-void ToolStates::record_success(std::string_view tool, double now) {
+void ToolStates::record_success(const HashedText& tool, double now) {
     auto entry = find_or_insert(tool);
-    auto& state = entry.value().state;
+    auto& state = entry.value();
     increment(state.call_count);
     state.consecutive_errors = 0;
     state.disabled_at.reset();
@@ -26,14 +37,14 @@ void ToolStates::record_success(std::string_view tool, double now) {
     mark_changed(entry);
 }
 
-void ToolStates::record_error(std::string_view tool, std::string_view error, double now,
+void ToolStates::record_error(const HashedText& tool, std::string_view error, double now,
                               std::optional<Count> disable_after) {
     auto entry = find_or_insert(tool);
-    auto& state = entry.value().state;
+    auto& state = entry.value();
     increment(state.call_count);
     increment(state.error_count);
     increment(state.consecutive_errors);
-    state.last_error.emplace<std::string>(first_code_points(error, kLastErrorLength));
+    keep_error(state.last_error, first_code_points(error, kLastErrorLength));
     state.updated_at = now;
     if (!disable_after) {
         return;
@@ -44,21 +55,21 @@ void ToolStates::record_error(std::string_view tool, std::string_view error, dou
     mark_changed(entry);
 }
 
-std::optional<Disablement> ToolStates::disablement(std::string_view tool) const {
+std::optional<Disablement> ToolStates::disablement(const HashedText& tool) const {
     const auto entry = entries_.find(tool);
-    if (entry == entries_.end() || !entry.value().state.disabled_at) {
+    if (entry == entries_.end() || !entry.value().disabled_at) {
         return std::nullopt;
     }
-    const auto& state = entry.value().state;
+    const auto& state = entry.value();
     return Disablement{*state.disabled_at, state.last_error};
 }
 
-bool ToolStates::reenable(std::string_view tool, double since, double now) {
+bool ToolStates::reenable(const HashedText& tool, double since, double now) {
     auto entry = entries_.find(tool);
-    if (entry == entries_.end() || entry.value().state.disabled_at != since) {
+    if (entry == entries_.end() || entry.value().disabled_at != since) {
         return false;
     }
-    auto& state = entry.value().state;
+    auto& state = entry.value();
     state.consecutive_errors = 0;
     state.disabled_at.reset();
     state.updated_at = now;
@@ -66,8 +77,9 @@ bool ToolStates::reenable(std::string_view tool, double since, double now) {
     return true;
 }
 
-void ToolStates::seed(std::string_view tool, ToolState state) {
-    find_or_insert(tool).value().state = std::move(state);
+void ToolStates::seed(const HashedText& tool, ToolState state) {
+    auto entry = find_or_insert(tool);
+    static_cast<ToolState&>(entry.value()) = std::move(state);
 }
 
 std::vector<HealthRow> ToolStates::take_changes() {
@@ -77,13 +89,13 @@ std::vector<HealthRow> ToolStates::take_changes() {
         entries_.nth(position).value().changed = false;
     }
     std::sort(positions.begin(), positions.end(), [&](std::size_t left, std::size_t right) {
-        return entries_.nth(left).key() < entries_.nth(right).key();
+        return entries_.nth(left).key().text < entries_.nth(right).key().text;
     });
     std::vector<HealthRow> rows;
     rows.reserve(positions.size());
     for (const auto position : positions) {
         auto entry = entries_.nth(position);
-        rows.push_back(health_row(entry.key(), entry.value().state));
+        rows.push_back(health_row(entry.key(), entry.value()));
     }
     return rows;
 }
@@ -98,14 +110,14 @@ std::vector<std::string_view> ToolStates::changed_tools() const {
     std::vector<std::string_view> tools;
     tools.reserve(changed_.size());
     for (const auto position : changed_) {
-        tools.push_back(entries_.nth(position).key());
+        tools.push_back(entries_.nth(position).key().text);
     }
     return tools;
 }
 
-ToolStates::Map::iterator ToolStates::find_or_insert(std::string_view tool) {
+ToolStates::Map::iterator ToolStates::find_or_insert(const HashedText& tool) {
     const auto entry = entries_.find(tool);
-    return entry != entries_.end() ? entry : entries_.try_emplace(std::string(tool)).first;
+    return entry != entries_.end() ? entry : entries_.try_emplace(texts_.keep(tool)).first;
 }
 
 void ToolStates::mark_changed(Map::iterator entry) {

@@ -3,6 +3,7 @@
 
 #include <tsl/ordered_map.h>
 #include <cstddef>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -26,24 +27,25 @@ struct Blob {
     bool operator==(const Blob&) const = default;
 };
 
-// A last error: none, or text. A row that somebody edited may hold another SQLite value, which
-// is kept and given back as it is.
-using LastError = std::variant<std::monostate, std::string, Count, double, Blob>;
+// A last error: none when null, else a text. A row that somebody edited may hold another SQLite
+// value, which is kept and given back as it is. Copies share the value, which never changes.
+using ErrorValue = std::variant<std::string, Count, double, Blob>;
+using LastError = std::shared_ptr<const ErrorValue>;
 
 // Times are epoch seconds.
 struct ToolState {
     Count call_count = 0;
     Count error_count = 0;
     LastError last_error{};
-    std::optional<double> disabled_at{};  // nothing while the tool is enabled
     double updated_at = 0.0;              // 0.0 when not known
     Count consecutive_errors = 0;         // since the last success or re-enabling; never stored
+    std::optional<double> disabled_at{};  // nothing while the tool is enabled
 };
 
 // A tool's health as the mirror and the summary show it. The name is the map's own: it stays valid
 // as long as the map.
 struct HealthRow {
-    std::string_view tool;
+    HashedText tool;
     Count call_count;
     Count error_count;
     LastError last_error;
@@ -52,7 +54,7 @@ struct HealthRow {
 };
 
 // Throws UnwritableTime.
-HealthRow health_row(std::string_view tool, const ToolState& state);
+HealthRow health_row(const HashedText& tool, const ToolState& state);
 
 struct Disablement {
     double since;
@@ -63,22 +65,22 @@ struct Disablement {
 // changed since they were last taken for a write. Entries are never removed and never move.
 class ToolStates {
 public:
-    void record_success(std::string_view tool, double now);
+    void record_success(const HashedText& tool, double now);
 
     // Without `disable_after` (the setting could not be read) the error is counted, but nothing
     // that depends on the setting happens: the tool is neither disabled nor marked changed.
-    void record_error(std::string_view tool, std::string_view error, double now,
+    void record_error(const HashedText& tool, std::string_view error, double now,
                       std::optional<Count> disable_after);
 
     // Since when and with which last error `tool` is disabled; nothing when it is enabled.
-    std::optional<Disablement> disablement(std::string_view tool) const;
+    std::optional<Disablement> disablement(const HashedText& tool) const;
 
     // Re-enables a tool whose cooldown has passed. False, and nothing done, when it is not
     // disabled since `since` any more: somebody else was faster.
-    bool reenable(std::string_view tool, double since, double now);
+    bool reenable(const HashedText& tool, double since, double now);
 
     // Installs a stored state, which counts as saved.
-    void seed(std::string_view tool, ToolState state);
+    void seed(const HashedText& tool, ToolState state);
 
     bool has_changes() const { return !changed_.empty(); }
 
@@ -91,18 +93,18 @@ public:
 
     std::vector<std::string_view> changed_tools() const;
 
-    struct Entry {
-        ToolState state;
+    struct Entry : ToolState {
         bool changed = false;
     };
-    using Map = tsl::ordered_map<std::string, Entry, TextHash, std::equal_to<>>;
+    using Map = tsl::ordered_map<HashedText, Entry, TextHash>;
 
     const Map& entries() const { return entries_; }
 
 private:
-    Map::iterator find_or_insert(std::string_view tool);
+    Map::iterator find_or_insert(const HashedText& tool);
     void mark_changed(Map::iterator entry);
 
+    TextStore texts_;  // of the map's keys
     Map entries_;
     std::vector<std::size_t> changed_;  // positions in entries_
 };

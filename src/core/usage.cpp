@@ -9,13 +9,19 @@ constexpr std::size_t combine(std::size_t seed, std::size_t hash) {
 
 }  // namespace
 
+bool UsageKey::operator==(const UsageKey& other) const {
+    const bool same_action = action == nullptr || other.action == nullptr
+                                 ? action == other.action
+                                 : *action == *other.action;
+    return alias_hit == other.alias_hit && same_action && *tool == *other.tool &&
+           *outcome == *other.outcome;
+}
+
 std::size_t UsageKeyHash::operator()(const UsageKey& key) const noexcept {
-    const TextHash hash;
-    std::size_t result = combine(hash(key.tool), key.alias_hit ? 1 : 0);
-    result = combine(result, key.action ? hash(*key.action) : 0);
-    result = combine(result, hash(key.outcome));
-    return result ^
-           result >> 32U;  // the map looks at the low bits, the product mixes the high ones
+    auto hash = combine(key.tool->hash, key.alias_hit ? 1 : 0);
+    hash = combine(hash, key.action == nullptr ? 0 : key.action->hash);
+    hash = combine(hash, key.outcome->hash);
+    return hash ^ hash >> 32U;  // the map looks at the low bits, the product mixes the high ones
 }
 
 void UsageCounts::record_call(const UsageKey& key, std::optional<double> duration_ms) {
@@ -49,20 +55,18 @@ std::vector<UsageEntry> UsageCounts::snapshot() const {
 Usage* UsageCounts::find_or_insert(const UsageKey& key) {
     auto entry = entries_.find(key);
     if (entry == entries_.end()) {
-        UsageKey kept = key;
-        kept.tool = keep(key.tool);
-        kept.outcome = keep(key.outcome);
-        if (key.action) {
-            kept.action = keep(*key.action);
-        }
+        const UsageKey kept{keep(key.tool), keep(key.action), keep(key.outcome), key.alias_hit};
         entry = entries_.try_emplace(kept).first;
     }
     return &entry.value();
 }
 
-std::string_view UsageCounts::keep(std::string_view text) {
-    const auto kept = texts_.find(text);
-    return kept != texts_.end() ? *kept : *texts_.emplace(text).first;
+const HashedText* UsageCounts::keep(const HashedText* text) {
+    if (text == nullptr) {
+        return nullptr;
+    }
+    const auto kept = texts_.find(*text);
+    return kept != texts_.end() ? &*kept : &*texts_.insert(store_.keep(*text)).first;
 }
 
 }  // namespace health

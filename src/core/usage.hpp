@@ -5,8 +5,6 @@
 #include <tsl/ordered_set.h>
 #include <cstddef>
 #include <optional>
-#include <string>
-#include <string_view>
 #include <vector>
 
 #include "core/number.hpp"
@@ -14,14 +12,15 @@
 
 namespace health {
 
-// The texts of a key in the map are the map's own: they stay valid as long as the map.
+// Refers to its texts. Those of a key in the map are the map's own, which stay where they are as
+// long as it lives.
 struct UsageKey {
-    std::string_view tool;
-    std::optional<std::string_view> action;  // nothing for a tool without actions
-    std::string_view outcome;
-    bool alias_hit = false;
+    const HashedText* tool;
+    const HashedText* action;  // null for a tool without actions
+    const HashedText* outcome;
+    bool alias_hit;
 
-    bool operator==(const UsageKey&) const = default;
+    bool operator==(const UsageKey& other) const;
 };
 
 struct UsageKeyHash {
@@ -63,10 +62,11 @@ public:
 
 private:
     Usage* find_or_insert(const UsageKey& key);
-    std::string_view keep(std::string_view text);
+    const HashedText* keep(const HashedText* text);
 
-    // The keys repeat few texts many times, so each text is kept once.
-    tsl::ordered_set<std::string, TextHash, std::equal_to<>> texts_;
+    // The keys repeat few texts many times, so each is kept once.
+    TextStore store_;
+    tsl::ordered_set<HashedText, TextHash> texts_;
     Map entries_;
     bool changed_ = false;
 };

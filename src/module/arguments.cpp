@@ -49,16 +49,12 @@ std::string listed(const std::vector<std::string>& names) {
     throw PythonError();
 }
 
-// The parameter that a keyword names; the number of parameters when it names none. Keywords are
-// nearly always interned, like the names.
+// The parameter that a keyword names; the number of parameters when it names none.
 std::size_t find_parameter(const AnySignature& signature, const Names& names, PyObject* keyword) {
-    const auto same_object = [&](Name name) { return names[name] == keyword; };
-    const auto same_text = [&](Name name) { return PyUnicode_Compare(names[name], keyword) == 0; };
     const auto& parameters = signature.parameters;
-    auto found = std::find_if(parameters.begin(), parameters.end(), same_object);
-    if (found == parameters.end()) {
-        found = std::find_if(parameters.begin(), parameters.end(), same_text);
-    }
+    const auto found = std::find_if(parameters.begin(), parameters.end(), [&](Name name) {
+        return PyUnicode_Compare(names[name], keyword) == 0;
+    });
     return static_cast<std::size_t>(found - parameters.begin());
 }
 

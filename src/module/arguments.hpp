@@ -38,6 +38,24 @@ struct AnySignature {
     std::size_t self;
 };
 
+// Whether a call gives every argument where its parameter stands, as nearly all calls do. Names in
+// a call are nearly always interned.
+template <std::size_t Size>
+bool is_in_order(const Signature<Size>& signature, const Names& names, const Call& call) {
+    const auto named =
+        call.keywords == nullptr ? 0 : static_cast<std::size_t>(PyTuple_GET_SIZE(call.keywords));
+    if (call.positional > signature.positional || call.positional + named != Size) {
+        return false;
+    }
+    for (std::size_t i = 0; i < named; ++i) {
+        if (PyTuple_GET_ITEM(call.keywords, i) !=
+            names[signature.parameters[call.positional + i]]) {
+            return false;
+        }
+    }
+    return true;
+}
+
 void bind_slots(const AnySignature& signature, const Names& names, const Call& call,
                 std::span<PyObject*> slots);
 
@@ -47,7 +65,7 @@ template <std::size_t Size>
 std::array<PyObject*, Size> bind(const Signature<Size>& signature, const Names& names,
                                  const Call& call) {
     std::array<PyObject*, Size> slots{};
-    if (call.keywords == nullptr && call.positional == Size && signature.positional == Size) {
+    if (is_in_order(signature, names, call)) {
         std::copy_n(call.arguments, Size, slots.begin());
     } else {
         bind_slots({signature.function, signature.parameters, signature.positional,

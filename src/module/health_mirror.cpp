@@ -23,7 +23,11 @@ constexpr const char* kUpsert = "INSERT INTO tool_health (" HEALTH_COLUMNS
                                 "                        disabled_at = excluded.disabled_at,\n"
                                 "                        updated_at = excluded.updated_at";
 
-using NamedState = std::pair<std::string, ToolState>;
+struct StoredState {
+    cppy::ptr name;
+    Text tool;  // a view of the name
+    ToolState state;
+};
 
 // The stored rows of known tools, as sequences of values. Deletes those of the others.
 cppy::ptr read_rows(const Tracker& tracker) {
@@ -61,7 +65,7 @@ Count stored_count(PyObject* value) {
     return checked(PyObject_IsTrue(value)) != 0 ? to_count(owned(PyNumber_Long(value)).get()) : 0;
 }
 
-NamedState stored_state(PyObject* row) {
+StoredState stored_state(PyObject* row) {
     const auto values = owned(PySequence_Tuple(row));
     if (PyTuple_GET_SIZE(values.get()) != 6) {
         PyErr_Format(PyExc_ValueError, "a row of tool_health has %zd values, not 6",
@@ -80,7 +84,7 @@ NamedState stored_state(PyObject* row) {
     state.last_error = to_last_error(value(3));
     state.disabled_at = stored_time(value(4));
     state.updated_at = stored_time(value(5)).value_or(0.0);
-    return {std::string(Text(value(0))), std::move(state)};
+    return {shared(value(0)), Text(value(0)), std::move(state)};
 }
 
 cppy::ptr row_values(const HealthRow& row) {
@@ -113,7 +117,7 @@ std::optional<double> stored_time(PyObject* value) {
                      Py_TYPE(value)->tp_name);
         throw PythonError();
     }
-    return parse_timestamp(Text(value));
+    return parse_timestamp(Text(value).text);
 }
 
 cppy::ptr load_health(Tracker& tracker) {
@@ -124,11 +128,11 @@ cppy::ptr load_health(Tracker& tracker) {
     }
     // Converting calls Python, so it comes before the lock is taken. The rows before one that
     // cannot be converted are installed all the same.
-    std::vector<NamedState> states;
+    std::vector<StoredState> states;
     const auto install = [&] {
         tracker.lock.run([&] {
-            for (auto& [tool, state] : states) {
-                tracker.states.seed(tool, std::move(state));
+            for (auto& stored : states) {
+                tracker.states.seed(stored.tool, std::move(stored.state));
             }
         });
     };

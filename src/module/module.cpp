@@ -156,7 +156,7 @@ int load(PyObject* module) {
         const auto name = owned(PyModule_GetNameObject(module));
         state_pointer(module) = std::make_unique<ModuleState>(ModuleState{
             .module = module,
-            .package = package_of(std::string(Text(name.get()))),
+            .package = package_of(std::string(Text(name.get()).text)),
             .names = {},
             .tool_state_type = make_tool_state_type(name.get()),
             .usage_type = make_usage_type(name.get()),

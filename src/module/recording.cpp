@@ -38,6 +38,9 @@ std::optional<double> duration_argument(const Tracker& tracker, PyObject* argume
     if (argument == Py_None) {
         return std::nullopt;
     }
+    if (PyFloat_CheckExact(argument)) {
+        return PyFloat_AS_DOUBLE(argument);
+    }
     const double duration_ms = PyFloat_AsDouble(argument);
     if (duration_ms == -1.0 && PyErr_Occurred() != nullptr) {
         if (PyErr_ExceptionMatches(PyExc_TypeError)) {
@@ -98,6 +101,14 @@ bool cooldown_has_passed(const Tracker& tracker, double elapsed) {
     return checked(PyObject_RichCompareBool(seconds.get(), cooldown.get(), Py_GE)) != 0;
 }
 
+// An agent tends to ask for the same disabled tool again, and then gets the same answer object.
+cppy::ptr disabled_answer(DisabledAnswer& latest, const LastError& error) {
+    if (!latest.answer || latest.error != error) {
+        latest = {error, make_tuple(to_python(true), to_python(error))};
+    }
+    return latest.answer;
+}
+
 }  // namespace
 
 cppy::ptr record_call(Tracker& tracker, const Call& call) {
@@ -113,7 +124,8 @@ cppy::ptr record_call(Tracker& tracker, const Call& call) {
         action.emplace(action_name);
     }
     const auto outcome = text_argument(tracker, kRecordCall, Name::outcome, outcome_value);
-    const UsageKey key{tool, action, outcome, truth_argument(tracker, alias_hit)};
+    const UsageKey key{&tool, action ? &*action : nullptr, &outcome,
+                       truth_argument(tracker, alias_hit)};
     const auto duration_ms = duration_argument(tracker, duration);
     tracker.lock.run([&] { tracker.usage.record_call(key, duration_ms); });
     return none();
@@ -132,7 +144,8 @@ cppy::ptr record_error(Tracker& tracker, const Call& call) {
     const auto kept = error_argument(tracker, error);
     const Text text(kept.get());
     const auto count = [&](std::optional<Count> limit) {
-        tracker.lock.run([&] { tracker.states.record_error(tool, text, wall_clock(), limit); });
+        tracker.lock.run(
+            [&] { tracker.states.record_error(tool, text.text, wall_clock(), limit); });
     };
     Count limit = 0;
     try {
@@ -157,7 +170,7 @@ cppy::ptr is_disabled(Tracker& tracker, const Call& call) {
         // The settings are Python's, so they are read without the lock.
         const double now = wall_clock();
         if (!cooldown_has_passed(tracker, now - disabled->since)) {
-            return make_tuple(to_python(true), to_python(disabled->last_error));
+            return disabled_answer(tracker.latest_answer, disabled->last_error);
         }
         if (tracker.lock.run([&] { return tracker.states.reenable(tool, disabled->since, now); })) {
             return tracker.module.enabled;

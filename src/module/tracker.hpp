@@ -12,6 +12,12 @@
 
 namespace health {
 
+// What is_disabled answers for a disabled tool: (True, last error).
+struct DisabledAnswer {
+    LastError error;
+    cppy::ptr answer;  // null before the first
+};
+
 struct Tracker {
     Tracker(PyObject* object, const ModuleState& loaded) : self(object), module(loaded) {}
 
@@ -22,6 +28,7 @@ struct Tracker {
     TrackerLock lock;      // guards the two below
     ToolStates states;
     UsageCounts usage;
+    DisabledAnswer latest_answer;  // guarded by the interpreter lock
 };
 
 // The attribute `db` of the tracker's repository.

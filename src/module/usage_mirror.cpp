@@ -171,7 +171,7 @@ cppy::ptr load_usage(Tracker& tracker) {
     const auto survivors = prune(tracker, stored);
     tracker.lock.run([&] {
         for (const auto& [tool, action, outcome, alias_hit, usage] : survivors) {
-            tracker.usage.seed({tool, action, outcome, alias_hit}, usage);
+            tracker.usage.seed({&tool, action ? &*action : nullptr, &outcome, alias_hit}, usage);
         }
         tracker.usage.mark_changed(survivors.size() < stored.counts.size());
     });

@@ -1,12 +1,13 @@
 #include "module/values.hpp"
 
+#include <memory>
+#include <utility>
 #include <variant>
 
 namespace health {
 namespace {
 
 struct ErrorToPython {
-    cppy::ptr operator()(std::monostate /*none*/) const { return none(); }
     cppy::ptr operator()(const std::string& text) const {
         return to_python(std::string_view(text));
     }
@@ -20,19 +21,19 @@ struct ErrorToPython {
 
 }  // namespace
 
-void Text::encode(PyObject* text) {
+void Text::encode(PyObject* object) {
     Py_ssize_t size = 0;
-    if (const char* utf8 = PyUnicode_AsUTF8AndSize(text, &size)) {
-        view_ = {utf8, static_cast<std::size_t>(size)};
+    if (const char* utf8 = PyUnicode_AsUTF8AndSize(object, &size)) {
+        text = {utf8, static_cast<std::size_t>(size)};
         return;
     }
     if (!PyErr_ExceptionMatches(PyExc_UnicodeEncodeError)) {
         throw PythonError();
     }
     PyErr_Clear();
-    encoded_ = owned(PyUnicode_AsEncodedString(text, "utf-8", "surrogatepass"));
-    view_ = {PyBytes_AS_STRING(encoded_.get()),
-             static_cast<std::size_t>(PyBytes_GET_SIZE(encoded_.get()))};
+    encoded_ = owned(PyUnicode_AsEncodedString(object, "utf-8", "surrogatepass"));
+    text = {PyBytes_AS_STRING(encoded_.get()),
+            static_cast<std::size_t>(PyBytes_GET_SIZE(encoded_.get()))};
 }
 
 cppy::ptr to_python(std::string_view text) {
@@ -40,15 +41,17 @@ cppy::ptr to_python(std::string_view text) {
         PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()), "surrogatepass"));
 }
 
-cppy::ptr to_python(const std::optional<std::string_view>& text) {
-    return text ? to_python(*text) : none();
-}
+cppy::ptr to_python(const HashedText& text) { return to_python(text.text); }
+
+cppy::ptr to_python(const HashedText* text) { return text == nullptr ? none() : to_python(*text); }
 
 cppy::ptr to_python(const std::optional<TimestampText>& text) {
     return text ? to_python(view(*text)) : none();
 }
 
-cppy::ptr to_python(const LastError& error) { return std::visit(ErrorToPython(), error); }
+cppy::ptr to_python(const LastError& error) {
+    return error ? std::visit(ErrorToPython(), *error) : none();
+}
 
 cppy::ptr to_python(const std::optional<double>& number) {
     return number ? owned(PyFloat_FromDouble(*number)) : none();
@@ -65,21 +68,22 @@ Count to_count(PyObject* integer) {
 }
 
 LastError to_last_error(PyObject* value) {
+    const auto make = [](auto kept) { return std::make_shared<const ErrorValue>(std::move(kept)); };
     if (value == Py_None) {
-        return {};
+        return nullptr;
     }
     if (PyUnicode_Check(value)) {
-        return std::string(Text(value));
+        return make(std::string(Text(value).text));
     }
     if (PyLong_Check(value)) {
-        return to_count(value);
+        return make(to_count(value));
     }
     if (PyFloat_Check(value)) {
-        return PyFloat_AS_DOUBLE(value);
+        return make(PyFloat_AS_DOUBLE(value));
     }
     if (PyBytes_Check(value)) {
-        return Blob{std::string(PyBytes_AS_STRING(value),
-                                static_cast<std::size_t>(PyBytes_GET_SIZE(value)))};
+        return make(Blob{std::string(PyBytes_AS_STRING(value),
+                                     static_cast<std::size_t>(PyBytes_GET_SIZE(value)))});
     }
     PyErr_Format(PyExc_TypeError, "last_error cannot be %.200s", Py_TYPE(value)->tp_name);
     throw PythonError();

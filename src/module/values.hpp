@@ -12,29 +12,34 @@
 
 namespace health {
 
-// A Python text as the core reads it, lone surrogates included. Valid as long as the object.
-class Text {
+// A Python text as the core reads it, lone surrogates included, with Python's hash, which the
+// object keeps. Valid as long as the object.
+class Text : public HashedText {
 public:
-    explicit Text(PyObject* text) {
-        if (PyUnicode_IS_COMPACT_ASCII(text)) {
-            view_ = {static_cast<const char*>(PyUnicode_DATA(text)),
-                     static_cast<std::size_t>(PyUnicode_GET_LENGTH(text))};
+    explicit Text(PyObject* object) : HashedText({}, hash_of(object)) {
+        if (PyUnicode_IS_COMPACT_ASCII(object)) {
+            text = {static_cast<const char*>(PyUnicode_DATA(object)),
+                    static_cast<std::size_t>(PyUnicode_GET_LENGTH(object))};
         } else {
-            encode(text);
+            encode(object);
         }
     }
 
-    operator std::string_view() const { return view_; }
-
 private:
-    void encode(PyObject* text);
+    // Python's hash of a text, whatever its class makes of hashing. It is computed once.
+    static std::size_t hash_of(PyObject* object) {
+        const auto known = reinterpret_cast<PyASCIIObject*>(object)->hash;
+        return static_cast<std::size_t>(known != -1 ? known : PyUnicode_Type.tp_hash(object));
+    }
 
-    std::string_view view_;
+    void encode(PyObject* object);
+
     cppy::ptr encoded_;  // only for text that UTF-8 cannot express
 };
 
 cppy::ptr to_python(std::string_view text);
-cppy::ptr to_python(const std::optional<std::string_view>& text);
+cppy::ptr to_python(const HashedText& text);
+cppy::ptr to_python(const HashedText* text);  // none for null
 cppy::ptr to_python(const std::optional<TimestampText>& text);
 cppy::ptr to_python(const LastError& error);
 cppy::ptr to_python(const std::optional<double>& number);

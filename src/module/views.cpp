@@ -20,7 +20,7 @@ cppy::ptr state_view(Tracker& tracker) {
     const auto states = tracker.lock.run([&] {
         std::vector<std::pair<std::string_view, ToolState>> copies;
         for (const auto& [tool, entry] : tracker.states.entries()) {
-            copies.emplace_back(tool, entry.state);
+            copies.emplace_back(tool.text, entry);
         }
         return copies;
     });

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <limits>
+#include <array>
 #include <string>
 #include <vector>
 
@@ -11,13 +11,13 @@ namespace health {
 namespace {
 
 const ToolState& state(const ToolStates& states, const char* tool) {
-    return states.entries().at(tool).state;
+    return states.entries().at(tool);
 }
 
 std::vector<std::string> taken(ToolStates& states) {
     std::vector<std::string> tools;
     for (const auto& row : states.take_changes()) {
-        tools.emplace_back(row.tool);
+        tools.emplace_back(row.tool.text);
     }
     return tools;
 }
@@ -33,7 +33,7 @@ TEST(ToolStates, TheErrorThatCompletesARunDisables) {
     EXPECT_FALSE(states.disablement("t"));
     states.record_error("t", "", 6.0, 3);
     EXPECT_EQ(states.disablement("t")->since, 6.0);
-    EXPECT_EQ(states.disablement("t")->last_error, LastError(""));
+    EXPECT_EQ(*states.disablement("t")->last_error, ErrorValue(""));
     states.record_error("t", "later", 7.5, 3);
     EXPECT_EQ(states.disablement("t")->since, 7.5);
     EXPECT_EQ(state(states, "t").call_count, 7);
@@ -41,7 +41,7 @@ TEST(ToolStates, TheErrorThatCompletesARunDisables) {
     EXPECT_EQ(state(states, "t").consecutive_errors, 4);
     states.record_success("t", 8.0);
     EXPECT_FALSE(states.disablement("t"));
-    EXPECT_EQ(std::get<std::string>(state(states, "t").last_error), "later");
+    EXPECT_EQ(*state(states, "t").last_error, ErrorValue("later"));
 }
 
 TEST(ToolStates, AThresholdOfOneOrLessDisablesAtOnce) {
@@ -86,8 +86,9 @@ TEST(ToolStates, ChangesAreTakenByNameAndCanBeRestored) {
     }
     const auto rows = states.take_changes();
     ASSERT_EQ(rows.size(), 5U);
-    EXPECT_EQ(rows[0].tool, "a");
-    EXPECT_EQ(rows[3].tool, "\xed\xa0\x80");  // by code point: a surrogate before what is above it
+    EXPECT_EQ(rows[0].tool.text, "a");
+    EXPECT_EQ(rows[3].tool.text,
+              "\xed\xa0\x80");  // by code point: a surrogate before what is above it
     EXPECT_EQ(view(rows[0].updated_at), "1970-01-01 00:00:02");
     EXPECT_FALSE(states.has_changes());
     states.record_success("d", 3.0);
@@ -113,12 +114,15 @@ TEST(Summary, ListsTheWorstFirstAndToolsWithoutStateLast) {
     states.seed("C", {.call_count = 7, .error_count = 2, .disabled_at = 0.0});
     states.seed("E", {});
     UsageCounts usage;
-    usage.seed({"D", std::nullopt, "ok"}, {.calls = 2});
-    usage.seed({"A", "x", "ok"}, {.calls = 2, .timed_calls = 3, .total_ms = 10.0});
+    const HashedText a("A");
+    const HashedText d("D");
+    const HashedText ok("ok");
+    usage.seed({&d, nullptr, &ok, false}, {.calls = 2});
+    usage.seed({&a, &d, &ok, false}, {.calls = 2, .timed_calls = 3, .total_ms = 10.0});
     const auto tools = summarize(states, usage);
     std::string order;
     for (const auto& tool : tools) {
-        order += tool.health.tool;
+        order += tool.health.tool.text;
     }
     EXPECT_EQ(order, "CBAED");
     EXPECT_EQ(view(*tools[0].health.disabled_at), "1970-01-01 00:00:00");
@@ -130,19 +134,24 @@ TEST(Summary, ListsTheWorstFirstAndToolsWithoutStateLast) {
 
 TEST(Summary, SortsUsageByCallsThenText) {
     UsageCounts usage;
+    const HashedText tool("t");
+    const HashedText ok("ok");
+    const HashedText error("error");
+    const std::array<HashedText, 4> actions{"z", "Always", "None", "a"};
+    const auto& [z, always, none, a] = actions;
     const std::vector<UsageKey> sorted{
-        {"t", "z", "ok"},           {"t", "Always", "ok"},     {"t", std::nullopt, "error", true},
-        {"t", "None", "ok", false}, {"t", "None", "ok", true}, {"t", "a", "error"},
-        {"t", "a", "ok"},
+        {&tool, &z, &ok, false},    {&tool, &always, &ok, false}, {&tool, nullptr, &error, true},
+        {&tool, &none, &ok, false}, {&tool, &none, &ok, true},    {&tool, &a, &error, false},
+        {&tool, &a, &ok, false},
     };
     for (auto key = sorted.rbegin(); key != sorted.rend(); ++key) {
-        usage.seed(*key, {.calls = key->action == "z" ? 9 : 1});
+        usage.seed(*key, {.calls = key->action == &z ? 9 : 1});
     }
     auto rows = summarize({}, usage).at(0).usage;
     sort_usage(rows);
     ASSERT_EQ(rows.size(), sorted.size());
     for (std::size_t i = 0; i < rows.size(); ++i) {
-        EXPECT_EQ(*rows[i].key, sorted[i]) << i;
+        EXPECT_TRUE(*rows[i].key == sorted[i]) << i;
     }
 }
 
