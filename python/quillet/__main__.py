@@ -30,10 +30,10 @@ def main() -> int:
             source = open(options.calls or 0, encoding="utf-8", errors="surrogateescape")
             lines = stack.enter_context(source)
             repository = stack.enter_context(Repository(options.repository, options.database))
-        except (OSError, ValueError, sqlite3.Error) as error:
+            tracker = ToolHealthTracker(repository, config)
+        except (OSError, ValueError, TypeError, OverflowError, sqlite3.Error) as error:
             print(f"quillet: {error}", file=sys.stderr)
             return 2
-        tracker = ToolHealthTracker(repository, config)
         stack.enter_context(Flusher(tracker))
         return _play(lines, stack.enter_context(ToolPipeline(repository, tracker)))
 

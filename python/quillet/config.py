@@ -27,14 +27,12 @@ def read_tools_config(path: Path) -> ToolsConfig:
         table = tomllib.loads(path.read_text(encoding="utf-8")).get("tools", {})
         if not isinstance(table, dict):
             raise ValueError("tools must be a table")
-        for key, value in table.items():
-            _check(key, value)
+        return ToolsConfig(**{key: _checked(key, value) for key, value in table.items()})
     except ValueError as error:
         raise ValueError(f"{path}: {error}") from error
-    return ToolsConfig(**table)
 
 
-def _check(key: str, value: Any) -> None:
+def _checked(key: str, value: Any) -> int | float:
     if key not in _KINDS:
         raise ValueError(f"tools.{key} is not a setting, only {' and '.join(_KINDS)} are")
     kind, description = _KINDS[key]
@@ -42,3 +40,4 @@ def _check(key: str, value: Any) -> None:
         raise ValueError(f"tools.{key} must be {description}")
     if not 0 <= value <= sys.float_info.max:
         raise ValueError(f"tools.{key} must be finite and not negative")
+    return type(getattr(ToolsConfig, key))(value)

@@ -66,7 +66,8 @@ class ToolPipeline:
         problem = argument_problem(call.handler, call.arguments)
         if problem:
             return self._ended(call, Outcome.INVALID, problem)
-        return await self._run(call)
+        # A call that is cancelled runs on, and is reported like any other.
+        return await asyncio.shield(self._run(call))
 
     async def _run(self, call: ToolCall) -> Answer:
         loop = asyncio.get_running_loop()
