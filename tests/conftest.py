@@ -3,6 +3,8 @@ from quillet.config import ToolsConfig
 from quillet.repository import Repository
 from quillet.tool_handlers import health
 
+MEMBERS = ("tool", "action", "outcome", "alias_hit", "calls", "timed_calls", "total_ms")
+
 
 class Spec:
     def __init__(self, *actions):

@@ -5,6 +5,7 @@ import sys
 from pathlib import Path
 
 import pytest
+import quillet
 from quillet.tool_handlers import health
 
 DAEMON = {
@@ -82,3 +83,11 @@ def test_what_is_nowhere_is_named(repository, db, tracker, nowhere, monkeypatch,
     with pytest.raises(ImportError, match="'TOOLS'"):
         health._known("a", None)
     assert len(db.fetchall("SELECT * FROM tool_health")) == 1
+
+
+def test_a_registry_that_lacks_a_module_of_its_own_says_which(tmp_path, nowhere, monkeypatch):
+    (tmp_path / "tool_registry.py").write_text("import quillet.something_else")
+    monkeypatch.setattr(quillet, "__path__", [str(tmp_path)])
+    monkeypatch.delitem(sys.modules, "quillet.tool_registry")
+    with pytest.raises(ModuleNotFoundError, match="^No module named 'quillet.something_else'"):
+        health._known("a", None)

@@ -1,7 +1,6 @@
 """The tool_health table: what is read at a start, and what a flush writes."""
 
 import logging
-import sqlite3
 
 import pytest
 from conftest import call
@@ -33,24 +32,6 @@ class Rows:
         return None
 
 
-def test_a_state_survives_a_restart(tracker, db):
-    t = tracker(errors=1)
-    t.record_error("b", "\u20ac")
-    t.record_success("a")
-    assert t.flush() == 2
-    assert not t.has_unsaved_changes
-    stored = {name: (calls, errors, text) for name, calls, errors, text, _, _ in db.fetchall(SELECT)}
-    assert stored == {"a": (1, 0, None), "b": (1, 1, "\u20ac")}
-    again = tracker(errors=2)
-    assert again._state["b"].disabled_at == int(t._state["b"].disabled_at)
-    assert again._state["b"].consecutive_errors == 0
-    assert again.is_disabled("b") == (True, "\u20ac")
-    assert not again.has_unsaved_changes
-    again.record_success("b")
-    again.flush()
-    assert tracker()._state["b"].disabled_at is None
-
-
 def test_a_flush_is_one_write_of_the_changed_rows_by_name(tracker, repository):
     t = tracker()
     for tool in ("b", "a", "c", "a"):
@@ -64,23 +45,6 @@ def test_a_flush_is_one_write_of_the_changed_rows_by_name(tracker, repository):
     assert rows[0][5] == health._sqlite_time(t._state["a"].updated_at)
     assert t.flush() == 0
     assert len(repository.db.calls) == 1
-
-
-@pytest.mark.parametrize("failure", [sqlite3.OperationalError("disk"), KeyboardInterrupt()])
-def test_a_failed_write_is_tried_again(tracker, repository, failure):
-    t = tracker()
-    t.record_success("a")
-    call(t)
-    repository.db.failures["executemany"] = failure
-    repository.db.calls.clear()
-    with pytest.raises(type(failure)) as raised:
-        t.flush()
-    assert raised.value is failure
-    assert [operation for operation, *_ in repository.db.calls] == ["executemany"]
-    t.record_success("b")
-    assert t._dirty == {"a", "b"} and t._usage_dirty
-    repository.db.failures.clear()
-    assert t.flush() == 3
 
 
 def test_rows_of_removed_tools_are_deleted(tracker, repository, db, daemon):

@@ -83,16 +83,16 @@ void ToolStates::seed(const HashedText& tool, ToolState state) {
 }
 
 std::vector<HealthRow> ToolStates::take_changes() {
-    auto positions = changed_;
-    changed_.clear();
-    for (const auto position : positions) {
-        entries_.nth(position).value().changed = false;
-    }
-    std::sort(positions.begin(), positions.end(), [&](std::size_t left, std::size_t right) {
-        return entries_.nth(left).key().text < entries_.nth(right).key().text;
-    });
+    auto positions = changed();
     std::vector<HealthRow> rows;
     rows.reserve(positions.size());
+    for (const auto position : positions) {
+        entries_.nth(position).value().next_changed = kUnchanged;
+    }
+    first_changed_ = kEndOfChain;
+    std::sort(positions.begin(), positions.end(), [&](Position left, Position right) {
+        return entries_.nth(left).key().text < entries_.nth(right).key().text;
+    });
     for (const auto position : positions) {
         auto entry = entries_.nth(position);
         rows.push_back(health_row(entry.key(), entry.value()));
@@ -108,8 +108,7 @@ void ToolStates::restore_changes(std::span<const HealthRow> rows) {
 
 std::vector<std::string_view> ToolStates::changed_tools() const {
     std::vector<std::string_view> tools;
-    tools.reserve(changed_.size());
-    for (const auto position : changed_) {
+    for (const auto position : changed()) {
         tools.push_back(entries_.nth(position).key().text);
     }
     return tools;
@@ -121,11 +120,20 @@ ToolStates::Map::iterator ToolStates::find_or_insert(const HashedText& tool) {
 }
 
 void ToolStates::mark_changed(Map::iterator entry) {
-    if (entry.value().changed) {
-        return;
+    if (entry.value().next_changed == kUnchanged) {
+        entry.value().next_changed = first_changed_;
+        first_changed_ = static_cast<Position>(entry - entries_.begin());
     }
-    changed_.push_back(static_cast<std::size_t>(entry - entries_.begin()));
-    entry.value().changed = true;
+}
+
+std::vector<ToolStates::Position> ToolStates::changed() const {
+    std::vector<Position> positions;
+    auto position = first_changed_;
+    while (position != kEndOfChain) {
+        positions.push_back(position);
+        position = entries_.nth(position).value().next_changed;
+    }
+    return positions;
 }
 
 }  // namespace health

@@ -3,6 +3,9 @@
 
 #include <tsl/ordered_map.h>
 #include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <span>
@@ -62,7 +65,7 @@ struct Disablement {
 };
 
 // The state of every tool seen, in the order in which they were first seen, and which of them
-// changed since they were last taken for a write. Entries are never removed and never move.
+// changed since they were last taken for a write. Entries are never removed.
 class ToolStates {
 public:
     void record_success(const HashedText& tool, double now);
@@ -82,7 +85,7 @@ public:
     // Installs a stored state, which counts as saved.
     void seed(const HashedText& tool, ToolState state);
 
-    bool has_changes() const { return !changed_.empty(); }
+    bool has_changes() const { return first_changed_ != kEndOfChain; }
 
     // The changed tools' rows by name; none of them counts as changed afterwards. Throws
     // UnwritableTime (and they do not count as changed then either).
@@ -93,20 +96,28 @@ public:
 
     std::vector<std::string_view> changed_tools() const;
 
+    // The changed entries are chained by their positions, so marking one never allocates.
+    using Position = std::uint32_t;
+    static constexpr Position kUnchanged = std::numeric_limits<Position>::max();
+    static constexpr Position kEndOfChain = kUnchanged - 1;
+
     struct Entry : ToolState {
-        bool changed = false;
+        Position next_changed = kUnchanged;
     };
-    using Map = tsl::ordered_map<HashedText, Entry, TextHash>;
+    using Item = std::pair<HashedText, Entry>;
+    using Map = tsl::ordered_map<HashedText, Entry, TextHash, std::equal_to<>, std::allocator<Item>,
+                                 std::vector<Item>>;
 
     const Map& entries() const { return entries_; }
 
 private:
     Map::iterator find_or_insert(const HashedText& tool);
     void mark_changed(Map::iterator entry);
+    std::vector<Position> changed() const;
 
     TextStore texts_;  // of the map's keys
     Map entries_;
-    std::vector<std::size_t> changed_;  // positions in entries_
+    Position first_changed_ = kEndOfChain;
 };
 
 }  // namespace health

@@ -16,16 +16,16 @@ public:
     AnswerMap& set(Name key, const Value& value) {
         return set(key, to_python(value));
     }
-    AnswerMap& set(Name key, const cppy::ptr& value) {
+    AnswerMap& set(Name key, const Ref& value) {
         checked(PyDict_SetItem(map_.get(), names_[key], value.get()));
         return *this;
     }
 
-    cppy::ptr map() const { return map_; }
+    Ref map() const { return map_; }
 
 private:
     const Names& names_;
-    cppy::ptr map_ = owned(PyDict_New());
+    Ref map_ = owned(PyDict_New());
 };
 
 }  // namespace health

@@ -122,4 +122,19 @@ void raise_wrong_type(const char* function, PyObject* parameter, const char* exp
     throw PythonError();
 }
 
+double number_argument(const char* function, PyObject* parameter, PyObject* given) {
+    if (PyFloat_CheckExact(given)) {
+        return PyFloat_AS_DOUBLE(given);
+    }
+    const auto* type = Py_TYPE(given)->tp_as_number;
+    if (type == nullptr || (type->nb_float == nullptr && type->nb_index == nullptr)) {
+        raise_wrong_type(function, parameter, "a number or None", given);
+    }
+    const double number = PyFloat_AsDouble(given);
+    if (number == -1.0 && PyErr_Occurred() != nullptr) {
+        throw PythonError();
+    }
+    return number;
+}
+
 }  // namespace health

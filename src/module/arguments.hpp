@@ -79,4 +79,7 @@ std::array<PyObject*, Size> bind(const Signature<Size>& signature, const Names& 
 [[noreturn]] void raise_wrong_type(const char* function, PyObject* parameter, const char* expected,
                                    PyObject* given);
 
+// A number given for a parameter, as a double.
+double number_argument(const char* function, PyObject* parameter, PyObject* given);
+
 }  // namespace health

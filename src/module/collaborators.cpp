@@ -1,13 +1,14 @@
 #include "module/collaborators.hpp"
 
-#include <array>
 #include <string>
+
+#include "module/values.hpp"
 
 namespace health {
 namespace {
 
 // The error being raised, taken over with its traceback in place.
-cppy::ptr take_error() {
+Ref take_error() {
     PyObject* type = nullptr;
     PyObject* value = nullptr;
     PyObject* traceback = nullptr;
@@ -21,31 +22,48 @@ cppy::ptr take_error() {
     return {value};
 }
 
+void restore_error(const Ref& error) {
+    PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(error.get())), error.get());
+}
+
+// Whether the error being raised says that `home`, or a package on the way to it, does not exist;
+// not some other module that it needs.
+bool is_missing(const std::string& home) {
+    if (!PyErr_ExceptionMatches(PyExc_ModuleNotFoundError)) {
+        return false;
+    }
+    const auto error = take_error();
+    const auto missing = owned(error.getattr("name"));
+    restore_error(error);
+    return missing.is_str() &&
+           (home + '.').starts_with(std::string(Text(missing.get()).text) + '.');
+}
+
 // Raises the ImportError of a name that `home` does not have, caused by the present error.
 [[noreturn]] void raise_not_found(const std::string& home, const char* name) {
-    cppy::ptr cause = take_error();
+    Ref cause = take_error();
     const auto message =
         owned(PyUnicode_FromFormat("cannot import name '%s' from '%s'", name, home.c_str()));
     const auto home_name = owned(PyUnicode_FromString(home.c_str()));
     PyErr_SetImportError(message.get(), home_name.get(), nullptr);
     const auto error = take_error();
     PyException_SetCause(error.get(), cause.release());
-    PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(error.get())), error.get());
+    restore_error(error);
     throw PythonError();
 }
 
 }  // namespace
 
-cppy::ptr collaborator(const ModuleState& module, const char* home, const char* name) {
+Ref collaborator(const ModuleState& module, const char* home, const char* name) {
     if (PyObject* own = PyDict_GetItemString(PyModule_GetDict(module.module), name)) {
         return shared(own);
     }
     const auto full_home = module.package + home;
-    const cppy::ptr daemon_module(PyImport_ImportModule(full_home.c_str()));
-    if (!daemon_module && !PyErr_ExceptionMatches(PyExc_ModuleNotFoundError)) {
+    const Ref daemon_module(PyImport_ImportModule(full_home.c_str()));
+    if (!daemon_module && !is_missing(full_home)) {
         throw PythonError();
     }
-    const cppy::ptr found(daemon_module ? daemon_module.getattr(name) : nullptr);
+    Ref found(daemon_module ? daemon_module.getattr(name) : nullptr);
     if (!found && daemon_module && !PyErr_ExceptionMatches(PyExc_AttributeError)) {
         throw PythonError();
     }
@@ -55,7 +73,7 @@ cppy::ptr collaborator(const ModuleState& module, const char* home, const char* 
     return found;
 }
 
-cppy::ptr find_tool(const Names& names, PyObject* tools, PyObject* tool) {
+Ref find_tool(const Names& names, PyObject* tools, PyObject* tool) {
     return owned(PyObject_CallMethodOneArg(tools, names[Name::get], tool));
 }
 

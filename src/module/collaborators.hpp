@@ -10,13 +10,13 @@ namespace health {
 
 // The daemon's object called `name`: the one set on the module itself, else that of the daemon's
 // module `home`, relative to the daemon's package. An ImportError names one that is not found.
-cppy::ptr collaborator(const ModuleState& module, const char* home, const char* name);
+Ref collaborator(const ModuleState& module, const char* home, const char* name);
 
 // Whether the registry `tools` has a tool and, unless `action` is none, that action of it.
 bool registry_knows(const Names& names, PyObject* tools, PyObject* tool, PyObject* action);
 
 // The registry's spec of a tool; none when it has no such tool.
-cppy::ptr find_tool(const Names& names, PyObject* tools, PyObject* tool);
+Ref find_tool(const Names& names, PyObject* tools, PyObject* tool);
 
 // Logs the interpreter's error as the argument of `message`, a warning, and clears it; passes on
 // what is not an Exception.

@@ -24,13 +24,13 @@ constexpr const char* kUpsert = "INSERT INTO tool_health (" HEALTH_COLUMNS
                                 "                        updated_at = excluded.updated_at";
 
 struct StoredState {
-    cppy::ptr name;
+    Ref name;
     Text tool;  // a view of the name
     ToolState state;
 };
 
 // The stored rows of known tools, as sequences of values. Deletes those of the others.
-cppy::ptr read_rows(const Tracker& tracker) {
+Ref read_rows(const Tracker& tracker) {
     const auto& names = tracker.module.names;
     const auto db = database(tracker);
     const auto select = owned(PyUnicode_FromString(kSelect));
@@ -39,7 +39,8 @@ cppy::ptr read_rows(const Tracker& tracker) {
     const auto rows = owned(PySequence_Tuple(stored.get()));
     auto known = owned(PyList_New(0));
     const auto removed = owned(PyList_New(0));
-    cppy::ptr tools;
+    Ref tools;
+    Pacer pacer;
     for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(rows.get()); ++i) {
         PyObject* row = PyTuple_GET_ITEM(rows.get(), i);
         const auto tool = owned(PySequence_GetItem(row, 0));
@@ -51,6 +52,7 @@ cppy::ptr read_rows(const Tracker& tracker) {
         } else {
             checked(PyList_Append(removed.get(), make_tuple(tool).get()));
         }
+        pacer.step();
     }
     if (PyList_GET_SIZE(removed.get()) > 0) {
         const auto statement = owned(PyUnicode_FromString(kDelete));
@@ -87,7 +89,7 @@ StoredState stored_state(PyObject* row) {
     return {shared(value(0)), Text(value(0)), std::move(state)};
 }
 
-cppy::ptr row_values(const HealthRow& row) {
+Ref row_values(const HealthRow& row) {
     return make_tuple(to_python(row.tool), to_python(row.call_count), to_python(row.error_count),
                       to_python(row.last_error), to_python(row.disabled_at),
                       to_python(std::optional(row.updated_at)));
@@ -120,8 +122,8 @@ std::optional<double> stored_time(PyObject* value) {
     return parse_timestamp(Text(value).text);
 }
 
-cppy::ptr load_health(Tracker& tracker) {
-    cppy::ptr rows;
+Ref load_health(Tracker& tracker) {
+    Ref rows;
     if (!read_history(tracker.module, "Could not read the tool health history: %s",
                       [&] { rows = read_rows(tracker); })) {
         return none();
@@ -130,15 +132,17 @@ cppy::ptr load_health(Tracker& tracker) {
     // cannot be converted are installed all the same.
     std::vector<StoredState> states;
     const auto install = [&] {
-        tracker.lock.run([&] {
+        tracker.lock.run_aside([&] {
             for (auto& stored : states) {
                 tracker.states.seed(stored.tool, std::move(stored.state));
             }
         });
     };
     try {
+        Pacer pacer;
         for (Py_ssize_t i = 0; i < PyList_GET_SIZE(rows.get()); ++i) {
             states.push_back(stored_state(PyList_GET_ITEM(rows.get(), i)));
+            pacer.step();
         }
     } catch (const PythonError&) {
         install();
@@ -148,7 +152,7 @@ cppy::ptr load_health(Tracker& tracker) {
     return none();
 }
 
-cppy::ptr flush_health(Tracker& tracker) {
+Ref flush_health(Tracker& tracker) {
     const auto rows = tracker.lock.run_aside([&] { return tracker.states.take_changes(); });
     if (rows.empty()) {
         return to_python(Count{0});

@@ -21,33 +21,35 @@ constexpr Signature<1> kSqliteTime{"_sqlite_time", {Name::epoch}, 1, 1, 0};
 constexpr Signature<1> kEpoch{"_epoch", {Name::text}, 1, 1, 0};
 constexpr Signature<2> kKnown{"_known", {Name::tool, Name::action}, 2, 2, 0};
 
-cppy::ptr sqlite_time(const ModuleState& module, const Call& call) {
+Ref sqlite_time(const ModuleState& module, const Call& call) {
     const auto [epoch] = bind(kSqliteTime, module.names, call);
     if (epoch == Py_None) {
         return none();
     }
-    const double time = PyFloat_AsDouble(epoch);
-    if (time == -1.0 && PyErr_Occurred() != nullptr) {
+    try {
+        const double time = number_argument(kSqliteTime.function, module.names[Name::epoch], epoch);
+        return to_python(std::optional(format_timestamp(time)));
+    } catch (const PythonError&) {
+        // An integer beyond every double is a time out of range like any other.
         if (PyErr_ExceptionMatches(PyExc_OverflowError)) {
             throw UnwritableTime();
         }
-        throw PythonError();
+        throw;
     }
-    return to_python(std::optional(format_timestamp(time)));
 }
 
-cppy::ptr epoch(const ModuleState& module, const Call& call) {
+Ref epoch(const ModuleState& module, const Call& call) {
     const auto [text] = bind(kEpoch, module.names, call);
     return to_python(stored_time(text));
 }
 
-cppy::ptr known(const ModuleState& module, const Call& call) {
+Ref known(const ModuleState& module, const Call& call) {
     const auto [tool, action] = bind(kKnown, module.names, call);
     const auto tools = collaborator(module, "tool_registry", "TOOLS");
     return to_python(registry_knows(module.names, tools.get(), tool, action));
 }
 
-template <cppy::ptr (*Function)(const ModuleState&, const Call&)>
+template <Ref (*Function)(const ModuleState&, const Call&)>
 PyObject* with_arguments(PyObject* module, PyObject* const* arguments, Py_ssize_t positional,
                          PyObject* keywords) {
     return guarded([&] {
@@ -56,15 +58,7 @@ PyObject* with_arguments(PyObject* module, PyObject* const* arguments, Py_ssize_
     });
 }
 
-template <cppy::ptr (*Function)(const ModuleState&)>
-PyMethodDef function(const char* name, const char* doc) {
-    const PyCFunction function = [](PyObject* module, PyObject* /*none*/) {
-        return guarded([&] { return Function(state_of(module)); });
-    };
-    return {name, function, METH_NOARGS, doc};
-}
-
-template <cppy::ptr (*Function)(const ModuleState&, const Call&)>
+template <Ref (*Function)(const ModuleState&, const Call&)>
 PyMethodDef function(const char* name, const char* doc) {
     const _PyCFunctionFastWithKeywords function = with_arguments<Function>;
     return {name, reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(function)),
@@ -147,12 +141,12 @@ StatePointer& state_pointer(PyObject* module) {
     return *static_cast<StatePointer*>(PyModule_GetState(module));
 }
 
-void add(PyObject* module, const char* name, const cppy::ptr& value) {
+void add(PyObject* module, const char* name, const Ref& value) {
     checked(PyModule_AddObjectRef(module, name, value.get()));
 }
 
 int load(PyObject* module) {
-    const cppy::ptr done(guarded([&] {
+    const Ref done(guarded([&] {
         const auto name = owned(PyModule_GetNameObject(module));
         state_pointer(module) = std::make_unique<ModuleState>(ModuleState{
             .module = module,
@@ -170,6 +164,7 @@ int load(PyObject* module) {
         add(module, "TOOL_USAGE_KEY", to_python(std::string_view(kUsageDocumentKey)));
         add(module, "_ToolState", state_of(module).tool_state_type);
         add(module, "_Usage", state_of(module).usage_type);
+        add(module, "_UsageKey", make_usage_key_type());
         add(module, "ToolHealthTracker", make_tracker_type(module, name.get()));
         return none();
     }));

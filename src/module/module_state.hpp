@@ -13,9 +13,9 @@ struct ModuleState {
     PyObject* module;     // owns this state
     std::string package;  // what the names of the daemon's modules start with
     Names names;
-    cppy::ptr tool_state_type;  // _ToolState
-    cppy::ptr usage_type;       // _Usage
-    cppy::ptr enabled;          // (False, None), the answer of nearly every is_disabled
+    Ref tool_state_type;  // _ToolState
+    Ref usage_type;       // _Usage
+    Ref enabled;          // (False, None), the answer of nearly every is_disabled
 };
 
 const ModuleState& state_of(PyObject* module);

@@ -31,7 +31,7 @@ public:
     PyObject* operator[](Name name) const { return names_[static_cast<std::size_t>(name)].get(); }
 
 private:
-    std::array<cppy::ptr, static_cast<std::size_t>(Name::number_of_names)> names_;
+    std::array<Ref, static_cast<std::size_t>(Name::number_of_names)> names_;
 };
 
 }  // namespace health

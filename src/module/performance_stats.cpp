@@ -8,10 +8,16 @@
 namespace health {
 namespace {
 
+constexpr Signature<0> kPerformanceStats{
+    .function = "handle_get_tool_performance_stats",
+    .parameters = {},
+    .self = 0,
+};
+
 constexpr std::array kMetrics{Name::name,   Name::count,  Name::avg_ms, Name::p95_ms,
                               Name::min_ms, Name::max_ms, Name::errors};
 
-cppy::ptr tool_entry(const Names& names, PyObject* record) {
+Ref tool_entry(const Names& names, PyObject* record) {
     AnswerMap entry(names);
     for (const auto metric : kMetrics) {
         entry.set(metric, owned(PyObject_GetItem(record, names[metric])));
@@ -21,15 +27,16 @@ cppy::ptr tool_entry(const Names& names, PyObject* record) {
 
 }  // namespace
 
-cppy::ptr tool_performance_stats(const ModuleState& module) {
+Ref tool_performance_stats(const ModuleState& module, const Call& call) {
     const auto& names = module.names;
+    bind(kPerformanceStats, names, call);
     const auto get_timing_collector = collaborator(module, "utils.timing", "get_timing_collector");
     const auto collector = owned(PyObject_CallNoArgs(get_timing_collector.get()));
     const auto stats =
         owned(PyObject_CallMethodNoArgs(collector.get(), names[Name::get_all_stats]));
     const auto records = owned(stats.iter());
     const auto entries = owned(PyList_New(0));
-    while (const cppy::ptr record = records.next()) {
+    while (const Ref record = records.next()) {
         checked(PyList_Append(entries.get(), tool_entry(names, record.get()).get()));
     }
     if (PyErr_Occurred() != nullptr) {

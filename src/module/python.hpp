@@ -5,15 +5,47 @@
 #include <Python.h>
 
 #include <cppy/cppy.h>
+#include <chrono>
 #include <exception>
+#include <thread>
 
 namespace health {
 
 // Thrown where the interpreter's error indicator is set.
 struct PythonError : std::exception {};
 
+// Whether this thread may touch references. While the interpreter shuts down it ends every other
+// thread that comes back to it, by unwinding it; such a thread runs destructors, but without the
+// interpreter lock.
+inline bool may_touch_references() {
+    if (_Py_IsFinalizing() == 0) {
+        return true;
+    }
+    const auto* running = _PyThreadState_UncheckedGet();
+    return running != nullptr && running->thread_id == PyThread_get_thread_ident();
+}
+
+// An owned reference, or null. Left alone by a thread that is being ended: the process is too.
+class Ref : public cppy::ptr {
+public:
+    Ref() = default;
+    Ref(PyObject* object, bool incref = false) : ptr(object, incref) {}
+    Ref(const Ref&) = default;
+    Ref(Ref&& other) noexcept : ptr(other.release()) {}
+    Ref& operator=(const Ref&) = default;
+    Ref& operator=(Ref&& other) noexcept {
+        set(other.release());
+        return *this;
+    }
+    ~Ref() {
+        if (m_ob != nullptr && !may_touch_references()) {
+            release();
+        }
+    }
+};
+
 // A new reference that a C API call returned, or its error.
-inline cppy::ptr owned(PyObject* result) {
+inline Ref owned(PyObject* result) {
     if (result == nullptr) {
         throw PythonError();
     }
@@ -29,14 +61,14 @@ Result checked(Result result) {
     return result;
 }
 
-inline cppy::ptr shared(PyObject* object) { return {object, true}; }
+inline Ref shared(PyObject* object) { return {object, true}; }
 
-inline cppy::ptr none() { return shared(Py_None); }
+inline Ref none() { return shared(Py_None); }
 
 // Sets the interpreter's error from the C++ exception being handled.
 void set_error_from_exception();
 
-// Runs a body that returns a cppy::ptr where the interpreter expects a new reference or an error.
+// Runs a body that returns a Ref where the interpreter expects a new reference or an error.
 // Nothing but std::exception is caught: a thread that the interpreter ends while it shuts down is
 // unwound by something else, which has to pass.
 template <class Body>
@@ -53,7 +85,7 @@ PyObject* guarded(Body&& body) {
 class GilRelease {
 public:
     GilRelease() : thread_(PyEval_SaveThread()) {}
-    // A daemon thread may be ended here by the interpreter's shutdown, which unwinds it.
+    // The interpreter may end this thread here, by unwinding it.
     ~GilRelease() noexcept(false) { PyEval_RestoreThread(thread_); }
     GilRelease(const GilRelease&) = delete;
     GilRelease& operator=(const GilRelease&) = delete;
@@ -62,12 +94,14 @@ private:
     PyThreadState* thread_;
 };
 
-// Lets the other threads in, now and then, during a long loop over Python objects.
+// Lets the other threads in, now and then, during a long loop over Python objects. A thread that
+// waits for the interpreter lock takes a moment to wake, so releasing it alone would not do.
 class Pacer {
 public:
     void step() {
-        if (++steps_ % 64 == 0) {
+        if (++steps_ % 1024 == 0) {
             const GilRelease others;
+            std::this_thread::sleep_for(std::chrono::microseconds(1));
         }
     }
 

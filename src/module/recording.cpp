@@ -1,6 +1,8 @@
 // The operations of every tool call. None of them touches the database, and one that finds the
 // tool known allocates nothing but its answer.
 #include <chrono>
+#include <cmath>
+#include <limits>
 #include <optional>
 
 #include "module/tracker.hpp"
@@ -38,18 +40,7 @@ std::optional<double> duration_argument(const Tracker& tracker, PyObject* argume
     if (argument == Py_None) {
         return std::nullopt;
     }
-    if (PyFloat_CheckExact(argument)) {
-        return PyFloat_AS_DOUBLE(argument);
-    }
-    const double duration_ms = PyFloat_AsDouble(argument);
-    if (duration_ms == -1.0 && PyErr_Occurred() != nullptr) {
-        if (PyErr_ExceptionMatches(PyExc_TypeError)) {
-            raise_wrong_type(kRecordCall.function, tracker.module.names[Name::duration_ms],
-                             "a number or None", argument);
-        }
-        throw PythonError();
-    }
-    return duration_ms;
+    return number_argument(kRecordCall.function, tracker.module.names[Name::duration_ms], argument);
 }
 
 bool truth_argument(const Tracker& tracker, PyObject* argument) {
@@ -61,7 +52,7 @@ bool truth_argument(const Tracker& tracker, PyObject* argument) {
 }
 
 // The text of an error, or of so much of a long one as is kept.
-cppy::ptr error_argument(const Tracker& tracker, PyObject* argument) {
+Ref error_argument(const Tracker& tracker, PyObject* argument) {
     if (argument == Py_None) {
         return owned(PyUnicode_New(0, 0));
     }
@@ -75,10 +66,23 @@ cppy::ptr error_argument(const Tracker& tracker, PyObject* argument) {
                : shared(argument);
 }
 
+// The least count that is not below a number; one that no run reaches for infinity.
+Count least_count(double number) {
+    constexpr double kLimit = 0x1p63;
+    if (!(number < kLimit)) {
+        return std::numeric_limits<Count>::max();
+    }
+    return number > -kLimit ? static_cast<Count>(std::ceil(number))
+                            : std::numeric_limits<Count>::min();
+}
+
 // How many errors in a row disable a tool.
 Count disable_after(const Tracker& tracker) {
     const auto setting =
         owned(settings(tracker).getattr(tracker.module.names[Name::disable_after_errors]));
+    if (setting.is_float()) {
+        return least_count(PyFloat_AS_DOUBLE(setting.get()));
+    }
     const auto integer = owned(PyNumber_Index(setting.get()));
     int overflow = 0;
     const Count errors = PyLong_AsLongLongAndOverflow(integer.get(), &overflow);
@@ -102,7 +106,7 @@ bool cooldown_has_passed(const Tracker& tracker, double elapsed) {
 }
 
 // An agent tends to ask for the same disabled tool again, and then gets the same answer object.
-cppy::ptr disabled_answer(DisabledAnswer& latest, const LastError& error) {
+Ref disabled_answer(DisabledAnswer& latest, const LastError& error) {
     if (!latest.answer || latest.error != error) {
         latest = {error, make_tuple(to_python(true), to_python(error))};
     }
@@ -111,7 +115,7 @@ cppy::ptr disabled_answer(DisabledAnswer& latest, const LastError& error) {
 
 }  // namespace
 
-cppy::ptr record_call(Tracker& tracker, const Call& call) {
+Ref record_call(Tracker& tracker, const Call& call) {
     const auto [tool_name, action_name, outcome_value, alias_hit, duration] =
         bind(kRecordCall, tracker.module.names, call);
     const auto tool = text_argument(tracker, kRecordCall, Name::tool_name, tool_name);
@@ -131,14 +135,14 @@ cppy::ptr record_call(Tracker& tracker, const Call& call) {
     return none();
 }
 
-cppy::ptr record_success(Tracker& tracker, const Call& call) {
+Ref record_success(Tracker& tracker, const Call& call) {
     const auto [tool_name] = bind(kRecordSuccess, tracker.module.names, call);
     const auto tool = text_argument(tracker, kRecordSuccess, Name::tool_name, tool_name);
     tracker.lock.run([&] { tracker.states.record_success(tool, wall_clock()); });
     return none();
 }
 
-cppy::ptr record_error(Tracker& tracker, const Call& call) {
+Ref record_error(Tracker& tracker, const Call& call) {
     const auto [tool_name, error] = bind(kRecordError, tracker.module.names, call);
     const auto tool = text_argument(tracker, kRecordError, Name::tool_name, tool_name);
     const auto kept = error_argument(tracker, error);
@@ -159,7 +163,7 @@ cppy::ptr record_error(Tracker& tracker, const Call& call) {
     return none();
 }
 
-cppy::ptr is_disabled(Tracker& tracker, const Call& call) {
+Ref is_disabled(Tracker& tracker, const Call& call) {
     const auto [tool_name] = bind(kIsDisabled, tracker.module.names, call);
     const auto tool = text_argument(tracker, kIsDisabled, Name::tool_name, tool_name);
     for (;;) {

@@ -5,7 +5,8 @@
 
 namespace health {
 
-cppy::ptr make_tool_state_type(PyObject* module_name);
-cppy::ptr make_usage_type(PyObject* module_name);
+Ref make_tool_state_type(PyObject* module_name);
+Ref make_usage_type(PyObject* module_name);
+Ref make_usage_key_type();
 
 }  // namespace health

@@ -8,8 +8,8 @@
 namespace health {
 
 // performance_stats.cpp
-cppy::ptr tool_performance_stats(const ModuleState& module);
+Ref tool_performance_stats(const ModuleState& module, const Call& call);
 // thread_report.cpp
-cppy::ptr thread_census_report(const ModuleState& module, const Call& call);
+Ref thread_census_report(const ModuleState& module, const Call& call);
 
 }  // namespace health

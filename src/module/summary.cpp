@@ -1,5 +1,5 @@
 // The answer for the status tool: every tool's health and usage.
-#include <utility>
+#include <optional>
 #include <vector>
 
 #include "core/summary.hpp"
@@ -11,18 +11,8 @@
 namespace health {
 namespace {
 
-cppy::ptr find_is_slow_call(const Tracker& tracker) {
-    return collaborator(tracker.module, "tool_schemas", "is_slow_call");
-}
-
 // Asks for every row whether its call is slow by nature, and puts the rows in order.
-void complete(const Tracker& tracker, ToolSummary& tool, cppy::ptr& is_slow_call) {
-    if (tool.usage.empty()) {
-        return;
-    }
-    if (!is_slow_call) {
-        is_slow_call = find_is_slow_call(tracker);
-    }
+void complete(ToolSummary& tool, const Ref& is_slow_call) {
     const auto name = to_python(tool.health.tool);
     for (auto& row : tool.usage) {
         const auto action = to_python(row.key->action);
@@ -33,25 +23,25 @@ void complete(const Tracker& tracker, ToolSummary& tool, cppy::ptr& is_slow_call
     sort_usage(tool.usage);
 }
 
-std::vector<ToolSummary> gather(Tracker& tracker) {
-    // Importing runs Python at length, so it comes before the lock where it is needed at all.
-    cppy::ptr is_slow_call;
-    if (tracker.lock.run([&] { return !tracker.usage.entries().empty(); })) {
-        is_slow_call = find_is_slow_call(tracker);
-    }
+// The summary, with is_slow_call looked up before: importing it runs Python at length. Nothing
+// when it turns out to be needed and is null.
+std::optional<std::vector<ToolSummary>> gather(Tracker& tracker, const Ref& is_slow_call) {
     const TrackerLock::HoldOverPython hold(tracker.lock);
+    if (!is_slow_call && !tracker.usage.entries().empty()) {
+        return std::nullopt;
+    }
     std::vector<ToolSummary> tools;
     {
         const GilRelease others;
         tools = summarize(tracker.states, tracker.usage);
     }
     for (auto& tool : tools) {
-        complete(tracker, tool, is_slow_call);
+        complete(tool, is_slow_call);
     }
     return tools;
 }
 
-cppy::ptr answer(const Names& names, const UsageRow& row) {
+Ref answer(const Names& names, const UsageRow& row) {
     return AnswerMap(names)
         .set(Name::action, row.key->action)
         .set(Name::outcome, row.key->outcome)
@@ -62,7 +52,7 @@ cppy::ptr answer(const Names& names, const UsageRow& row) {
         .map();
 }
 
-cppy::ptr answer(const Names& names, const ToolSummary& tool, Pacer& pacer) {
+Ref answer(const Names& names, const ToolSummary& tool, Pacer& pacer) {
     const auto& health = tool.health;
     const auto rows = owned(PyList_New(0));
     for (const auto& row : tool.usage) {
@@ -83,11 +73,16 @@ cppy::ptr answer(const Names& names, const ToolSummary& tool, Pacer& pacer) {
 
 }  // namespace
 
-cppy::ptr get_health_summary(Tracker& tracker) {
-    const auto tools = gather(tracker);
+Ref get_health_summary(Tracker& tracker) {
+    Ref is_slow_call;
+    auto tools = gather(tracker, is_slow_call);
+    if (!tools) {
+        is_slow_call = collaborator(tracker.module, "tool_schemas", "is_slow_call");
+        tools = gather(tracker, is_slow_call);
+    }
     auto answers = owned(PyList_New(0));
     Pacer pacer;
-    for (const auto& tool : tools) {
+    for (const auto& tool : *tools) {
         checked(PyList_Append(answers.get(), answer(tracker.module.names, tool, pacer).get()));
         pacer.step();
     }

@@ -13,9 +13,9 @@ constexpr Signature<2> kThreadCensusReport{
     .self = 0,
 };
 
-cppy::ptr decimal(PyObject* integer) { return owned(PyNumber_ToBase(integer, 10)); }
+Ref decimal(PyObject* integer) { return owned(PyNumber_ToBase(integer, 10)); }
 
-cppy::ptr warning(PyObject* counted, PyObject* budget) {
+Ref warning(PyObject* counted, PyObject* budget) {
     return owned(PyUnicode_FromFormat(
         "The process holds %U threads, more than the %U its pools allow: threads are piling up. "
         "A thread that ran the local embedding model keeps a team of torch threads, as many as "
@@ -25,7 +25,7 @@ cppy::ptr warning(PyObject* counted, PyObject* budget) {
 
 }  // namespace
 
-cppy::ptr thread_census_report(const ModuleState& module, const Call& call) {
+Ref thread_census_report(const ModuleState& module, const Call& call) {
     const auto& names = module.names;
     const auto [budget, given] = bind(kThreadCensusReport, names, call);
     if (!PyLong_Check(budget)) {

@@ -44,6 +44,13 @@ constexpr Signature<2> kInit{
     .required = 1,
 };
 
+constexpr Signature<0> kFlush{"ToolHealthTracker.flush", {}};
+constexpr Signature<0> kSummary{"ToolHealthTracker.get_health_summary", {}};
+constexpr Signature<0> kLoad{"ToolHealthTracker._load", {}};
+constexpr Signature<0> kLoadUsage{"ToolHealthTracker._load_usage", {}};
+constexpr Signature<0> kFlushHealth{"ToolHealthTracker._flush_health", {}};
+constexpr Signature<0> kFlushUsage{"ToolHealthTracker._flush_usage", {}};
+
 void initialize(Tracker& tracker, const Call& call) {
     const auto [repository, limits] = bind(kInit, tracker.module.names, call);
     if (tracker.repository) {
@@ -61,9 +68,12 @@ void initialize(Tracker& tracker, const Call& call) {
 }
 
 int tracker_init(PyObject* self, PyObject* args, PyObject* kwargs) {
-    const cppy::ptr done(guarded([&] {
+    const Ref done(guarded([&] {
+        if (kwargs != nullptr && PyArg_ValidateKeywordArguments(kwargs) == 0) {
+            throw PythonError();
+        }
         // In the form of a vectorcall: the arguments by name follow those by position.
-        const auto keywords = kwargs == nullptr ? cppy::ptr() : owned(PySequence_Tuple(kwargs));
+        const auto keywords = kwargs == nullptr ? Ref() : owned(PySequence_Tuple(kwargs));
         std::vector<PyObject*> arguments;
         const auto positional = PyTuple_GET_SIZE(args);
         for (Py_ssize_t i = 0; i < positional; ++i) {
@@ -106,29 +116,29 @@ void tracker_dealloc(PyObject* self) {
 
 // Operations that are not in a file of their own
 
-cppy::ptr flush(Tracker& tracker) {
+Ref flush(Tracker& tracker) {
     const auto& names = tracker.module.names;
     const auto health = owned(PyObject_CallMethodNoArgs(tracker.self, names[Name::_flush_health]));
     const auto usage = owned(PyObject_CallMethodNoArgs(tracker.self, names[Name::_flush_usage]));
     return owned(PyNumber_Add(health.get(), usage.get()));
 }
 
-cppy::ptr cooldown_s(Tracker& tracker) {
+Ref cooldown_s(Tracker& tracker) {
     return owned(settings(tracker).getattr(tracker.module.names[Name::disable_cooldown_s]));
 }
 
-cppy::ptr has_unsaved_changes(Tracker& tracker) {
+Ref has_unsaved_changes(Tracker& tracker) {
     return to_python(tracker.lock.run(
         [&] { return tracker.states.has_changes() || tracker.usage.has_changes(); }));
 }
 
-cppy::ptr usage_dirty(Tracker& tracker) {
+Ref usage_dirty(Tracker& tracker) {
     return to_python(tracker.lock.run([&] { return tracker.usage.has_changes(); }));
 }
 
 // The tables of the class
 
-template <cppy::ptr (*Operation)(Tracker&, const Call&)>
+template <Ref (*Operation)(Tracker&, const Call&)>
 PyObject* with_arguments(PyObject* self, PyObject* const* arguments, Py_ssize_t positional,
                          PyObject* keywords) {
     return guarded([&] {
@@ -137,19 +147,18 @@ PyObject* with_arguments(PyObject* self, PyObject* const* arguments, Py_ssize_t 
     });
 }
 
-template <cppy::ptr (*Operation)(Tracker&, const Call&)>
+template <Ref (*Operation)(Tracker&, const Call&)>
 PyMethodDef method(const char* name, const char* doc) {
     const _PyCFunctionFastWithKeywords function = with_arguments<Operation>;
     return {name, reinterpret_cast<PyCFunction>(reinterpret_cast<void (*)()>(function)),
             METH_FASTCALL | METH_KEYWORDS, doc};
 }
 
-template <cppy::ptr (*Operation)(Tracker&)>
-PyMethodDef method(const char* name, const char* doc) {
-    const PyCFunction function = [](PyObject* self, PyObject* /*none*/) {
-        return guarded([&] { return Operation(as_tracker(self)); });
-    };
-    return {name, function, METH_NOARGS, doc};
+// An operation without arguments. It takes them all the same, for the error to be Python's.
+template <Ref (*Operation)(Tracker&), const auto& kSignature>
+Ref without_arguments(Tracker& tracker, const Call& call) {
+    bind(kSignature, tracker.module.names, call);
+    return Operation(tracker);
 }
 
 template <auto Get>
@@ -243,17 +252,21 @@ std::array methods{
     method<record_success>("record_success", kRecordSuccessDoc),
     method<record_error>("record_error", kRecordErrorDoc),
     method<is_disabled>("is_disabled", kIsDisabledDoc),
-    method<flush>("flush", kFlushDoc),
-    method<get_health_summary>("get_health_summary", kSummaryDoc),
-    method<load_health>("_load", "_load($self)\n--\n\nRead the tool_health table."),
-    method<load_usage>("_load_usage", "_load_usage($self)\n--\n\nRead the usage document."),
-    method<flush_health>("_flush_health",
-                         "_flush_health($self)\n--\n\n"
-                         "Write the changed rows of tool_health; return how many."),
-    method<flush_usage>("_flush_usage",
-                        "_flush_usage($self)\n--\n\n"
-                        "Write the usage document if a count changed; return its "
-                        "number of rows."),
+    method<without_arguments<flush, kFlush>>("flush", kFlushDoc),
+    method<without_arguments<get_health_summary, kSummary>>("get_health_summary", kSummaryDoc),
+    method<without_arguments<load_health, kLoad>>(
+        "_load", "_load($self)\n--\n\nRead the tool_health table."),
+    method<without_arguments<load_usage, kLoadUsage>>(
+        "_load_usage", "_load_usage($self)\n--\n\nRead the usage document."),
+    method<without_arguments<flush_health, kFlushHealth>>(
+        "_flush_health",
+        "_flush_health($self)\n--\n\n"
+        "Write the changed rows of tool_health; return how many."),
+    method<without_arguments<flush_usage, kFlushUsage>>(
+        "_flush_usage",
+        "_flush_usage($self)\n--\n\n"
+        "Write the usage document if a count changed; return its "
+        "number of rows."),
     PyMethodDef{},
 };
 
@@ -306,7 +319,7 @@ PyType_Spec spec{
     slots.data(),
 };
 
-cppy::ptr member(const cppy::ptr& value, const char* name) {
+Ref member(const Ref& value, const char* name) {
     if (!value) {
         PyErr_Format(PyExc_AttributeError, "'ToolHealthTracker' object has no attribute '%s'",
                      name);
@@ -317,15 +330,15 @@ cppy::ptr member(const cppy::ptr& value, const char* name) {
 
 }  // namespace
 
-cppy::ptr repository(const Tracker& tracker) { return member(tracker.repository, "_repo"); }
+Ref repository(const Tracker& tracker) { return member(tracker.repository, "_repo"); }
 
-cppy::ptr settings(const Tracker& tracker) { return member(tracker.limits, "_limits"); }
+Ref settings(const Tracker& tracker) { return member(tracker.limits, "_limits"); }
 
-cppy::ptr database(const Tracker& tracker) {
+Ref database(const Tracker& tracker) {
     return owned(repository(tracker).getattr(tracker.module.names[Name::db]));
 }
 
-cppy::ptr make_tracker_type(PyObject* module, PyObject* module_name) {
+Ref make_tracker_type(PyObject* module, PyObject* module_name) {
     auto type = owned(PyType_FromModuleAndSpec(module, &spec, nullptr));
     checked(PyObject_SetAttrString(type.get(), "__module__", module_name));
     return type;

@@ -20,12 +20,12 @@ constexpr const char* kReplace = "INSERT OR REPLACE INTO schema_info (key, value
 // The counts of a stored document: `keys` maps each usage key, as a tuple, to its place in
 // `counts`. The keys stay Python's, and so does what makes two of them equal.
 struct StoredUsage {
-    cppy::ptr keys = owned(PyDict_New());
+    Ref keys = owned(PyDict_New());
     std::vector<Usage> counts;
 };
 
 // The stored text; null when there is none.
-cppy::ptr read_document(const Tracker& tracker) {
+Ref read_document(const Tracker& tracker) {
     const auto statement = owned(PyUnicode_FromString(kSelect));
     const auto parameters = make_tuple(owned(PyUnicode_FromString(kUsageDocumentKey)));
     const auto row = owned(PyObject_CallMethodObjArgs(database(tracker).get(),
@@ -35,10 +35,10 @@ cppy::ptr read_document(const Tracker& tracker) {
         return {};
     }
     auto value = owned(PySequence_GetItem(row.get(), 0));
-    return value.is_str() ? value : cppy::ptr();
+    return value.is_str() ? value : Ref();
 }
 
-cppy::ptr parse(const Tracker& tracker, PyObject* document) {
+Ref parse(const Tracker& tracker, PyObject* document) {
     const auto json = owned(PyImport_ImportModule("json"));
     return owned(
         PyObject_CallMethodOneArg(json.get(), tracker.module.names[Name::loads], document));
@@ -48,8 +48,8 @@ class ElementReader {
 public:
     ElementReader(const Names& names, PyObject* element) : names_(names), element_(element) {}
 
-    cppy::ptr value(Name member) const { return owned(PyObject_GetItem(element_, names_[member])); }
-    cppy::ptr text(Name member) const { return owned(PyObject_Str(value(member).get())); }
+    Ref value(Name member) const { return owned(PyObject_GetItem(element_, names_[member])); }
+    Ref text(Name member) const { return owned(PyObject_Str(value(member).get())); }
     bool truth(Name member) const { return checked(PyObject_IsTrue(value(member).get())) != 0; }
     Count count(Name member) const {
         return to_count(owned(PyNumber_Long(value(member).get())).get());
@@ -92,7 +92,7 @@ void read_usage(const Tracker& tracker, StoredUsage& stored) {
     }
     const auto elements = owned(PyObject_GetIter(parse(tracker, document.get()).get()));
     Pacer pacer;
-    while (const cppy::ptr element = elements.next()) {
+    while (const Ref element = elements.next()) {
         add_element(tracker.module.names, element.get(), stored);
         pacer.step();
     }
@@ -112,7 +112,7 @@ struct Survivor {
 
 std::vector<Survivor> prune(const Tracker& tracker, const StoredUsage& stored) {
     std::vector<Survivor> survivors;
-    cppy::ptr tools;
+    Ref tools;
     PyObject* key = nullptr;
     PyObject* place = nullptr;
     Py_ssize_t position = 0;
@@ -137,7 +137,7 @@ std::vector<Survivor> prune(const Tracker& tracker, const StoredUsage& stored) {
 }
 
 // The document as Python text, made without the interpreter lock but for its allocation.
-cppy::ptr make_document(std::span<const UsageEntry> entries) {
+Ref make_document(std::span<const UsageEntry> entries) {
     std::string document;
     {
         const GilRelease others;
@@ -162,14 +162,14 @@ void write_document(const Tracker& tracker, std::span<const UsageEntry> entries)
 
 }  // namespace
 
-cppy::ptr load_usage(Tracker& tracker) {
+Ref load_usage(Tracker& tracker) {
     StoredUsage stored;
     if (!read_history(tracker.module, "Could not read the tool usage counts: %s",
                       [&] { read_usage(tracker, stored); })) {
         return none();
     }
     const auto survivors = prune(tracker, stored);
-    tracker.lock.run([&] {
+    tracker.lock.run_aside([&] {
         for (const auto& [tool, action, outcome, alias_hit, usage] : survivors) {
             tracker.usage.seed({&tool, action ? &*action : nullptr, &outcome, alias_hit}, usage);
         }
@@ -178,7 +178,7 @@ cppy::ptr load_usage(Tracker& tracker) {
     return none();
 }
 
-cppy::ptr flush_usage(Tracker& tracker) {
+Ref flush_usage(Tracker& tracker) {
     const auto entries = tracker.lock.run_aside([&] { return tracker.usage.take_changes(); });
     if (!entries) {
         return to_python(Count{0});

@@ -8,12 +8,10 @@ namespace health {
 namespace {
 
 struct ErrorToPython {
-    cppy::ptr operator()(const std::string& text) const {
-        return to_python(std::string_view(text));
-    }
-    cppy::ptr operator()(Count integer) const { return to_python(integer); }
-    cppy::ptr operator()(double real) const { return owned(PyFloat_FromDouble(real)); }
-    cppy::ptr operator()(const Blob& blob) const {
+    Ref operator()(const std::string& text) const { return to_python(std::string_view(text)); }
+    Ref operator()(Count integer) const { return to_python(integer); }
+    Ref operator()(double real) const { return owned(PyFloat_FromDouble(real)); }
+    Ref operator()(const Blob& blob) const {
         return owned(PyBytes_FromStringAndSize(blob.bytes.data(),
                                                static_cast<Py_ssize_t>(blob.bytes.size())));
     }
@@ -36,28 +34,28 @@ void Text::encode(PyObject* object) {
             static_cast<std::size_t>(PyBytes_GET_SIZE(encoded_.get()))};
 }
 
-cppy::ptr to_python(std::string_view text) {
+Ref to_python(std::string_view text) {
     return owned(
         PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()), "surrogatepass"));
 }
 
-cppy::ptr to_python(const HashedText& text) { return to_python(text.text); }
+Ref to_python(const HashedText& text) { return to_python(text.text); }
 
-cppy::ptr to_python(const HashedText* text) { return text == nullptr ? none() : to_python(*text); }
+Ref to_python(const HashedText* text) { return text == nullptr ? none() : to_python(*text); }
 
-cppy::ptr to_python(const std::optional<TimestampText>& text) {
+Ref to_python(const std::optional<TimestampText>& text) {
     return text ? to_python(view(*text)) : none();
 }
 
-cppy::ptr to_python(const LastError& error) {
+Ref to_python(const LastError& error) {
     return error ? std::visit(ErrorToPython(), *error) : none();
 }
 
-cppy::ptr to_python(const std::optional<double>& number) {
+Ref to_python(const std::optional<double>& number) {
     return number ? owned(PyFloat_FromDouble(*number)) : none();
 }
 
-cppy::ptr to_python(Count count) { return owned(PyLong_FromLongLong(count)); }
+Ref to_python(Count count) { return owned(PyLong_FromLongLong(count)); }
 
 Count to_count(PyObject* integer) {
     const Count count = PyLong_AsLongLong(integer);

@@ -34,19 +34,19 @@ private:
 
     void encode(PyObject* object);
 
-    cppy::ptr encoded_;  // only for text that UTF-8 cannot express
+    Ref encoded_;  // only for text that UTF-8 cannot express
 };
 
-cppy::ptr to_python(std::string_view text);
-cppy::ptr to_python(const HashedText& text);
-cppy::ptr to_python(const HashedText* text);  // none for null
-cppy::ptr to_python(const std::optional<TimestampText>& text);
-cppy::ptr to_python(const LastError& error);
-cppy::ptr to_python(const std::optional<double>& number);
-cppy::ptr to_python(Count count);
+Ref to_python(std::string_view text);
+Ref to_python(const HashedText& text);
+Ref to_python(const HashedText* text);  // none for null
+Ref to_python(const std::optional<TimestampText>& text);
+Ref to_python(const LastError& error);
+Ref to_python(const std::optional<double>& number);
+Ref to_python(Count count);
 
 // Of a bool only: anything that merely converts to one, such as a literal's address, is refused.
-cppy::ptr to_python(std::same_as<bool> auto truth) { return shared(truth ? Py_True : Py_False); }
+Ref to_python(std::same_as<bool> auto truth) { return shared(truth ? Py_True : Py_False); }
 
 // A Python integer as a count; OverflowError when it does not fit.
 Count to_count(PyObject* integer);
@@ -56,7 +56,7 @@ LastError to_last_error(PyObject* value);
 
 // A tuple of values, which are references of the caller's.
 template <class... Values>
-cppy::ptr make_tuple(const Values&... values) {
+Ref make_tuple(const Values&... values) {
     return owned(PyTuple_Pack(sizeof...(values), values.get()...));
 }
 

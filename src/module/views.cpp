@@ -10,13 +10,13 @@ namespace health {
 namespace {
 
 template <class... Values>
-cppy::ptr make_record(const cppy::ptr& type, const Values&... values) {
+Ref make_record(const Ref& type, const Values&... values) {
     return owned(PyObject_CallFunctionObjArgs(type.get(), to_python(values).get()..., nullptr));
 }
 
 }  // namespace
 
-cppy::ptr state_view(Tracker& tracker) {
+Ref state_view(Tracker& tracker) {
     const auto states = tracker.lock.run([&] {
         std::vector<std::pair<std::string_view, ToolState>> copies;
         for (const auto& [tool, entry] : tracker.states.entries()) {
@@ -34,7 +34,7 @@ cppy::ptr state_view(Tracker& tracker) {
     return map;
 }
 
-cppy::ptr dirty_view(Tracker& tracker) {
+Ref dirty_view(Tracker& tracker) {
     const auto tools = tracker.lock.run([&] { return tracker.states.changed_tools(); });
     auto set = owned(PySet_New(nullptr));
     for (const auto tool : tools) {
@@ -43,7 +43,7 @@ cppy::ptr dirty_view(Tracker& tracker) {
     return set;
 }
 
-cppy::ptr usage_view(Tracker& tracker) {
+Ref usage_view(Tracker& tracker) {
     const auto entries = tracker.lock.run([&] { return tracker.usage.snapshot(); });
     auto map = owned(PyDict_New());
     for (const auto& [key, usage] : entries) {

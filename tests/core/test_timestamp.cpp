@@ -5,8 +5,6 @@
 #include <random>
 #include <string>
 
-#include "core/number.hpp"
-#include "core/text.hpp"
 #include "core/timestamp.hpp"
 
 namespace health {
@@ -73,34 +71,6 @@ TEST(Timestamp, RefusesAnythingElse) {
                               "2023-1a-14 22:13:20"}) {
         EXPECT_EQ(parse_timestamp(wrong), std::nullopt) << wrong;
     }
-}
-
-TEST(Number, RoundsTheExactValueTiesToEven) {
-    EXPECT_EQ(round_decimals(41.87650000001, 3), 41.877);
-    EXPECT_EQ(round_decimals(1.0005, 3), 1.0);
-    EXPECT_EQ(round_decimals(0.0625, 3), 0.062);
-    EXPECT_EQ(round_decimals(0.1875, 3), 0.188);
-    EXPECT_EQ(round_decimals(10.0 / 3, 2), 3.33);
-    EXPECT_EQ(round_decimals(0.125, 2), 0.12);
-    EXPECT_EQ(round_decimals(0.375, 2), 0.38);
-    EXPECT_EQ(round_decimals(5.35 / 2, 2), 2.67);
-    EXPECT_EQ(round_decimals(1.7e308, 3), 1.7e308);
-    EXPECT_EQ(round_decimals(4503599627370495.5, 3), 4503599627370495.5);
-    EXPECT_TRUE(std::isnan(round_decimals(std::nan(""), 2)));
-}
-
-TEST(Number, ACountStaysAtItsLimit) {
-    Count count = std::numeric_limits<Count>::max() - 1;
-    increment(count);
-    increment(count);
-    EXPECT_EQ(count, std::numeric_limits<Count>::max());
-}
-
-TEST(Text, IsCutBetweenCodePoints) {
-    EXPECT_EQ(first_code_points("a\u00e9\u20ac\U0001f600z", 4), "a\u00e9\u20ac\U0001f600");
-    EXPECT_EQ(first_code_points("\u20ac\u20ac", 2), "\u20ac\u20ac");
-    EXPECT_EQ(first_code_points("\xed\xa0\x80\xed\xb0\x80", 1), "\xed\xa0\x80");  // lone surrogates
-    EXPECT_EQ(first_code_points("abc", 0), "");
 }
 
 }  // namespace

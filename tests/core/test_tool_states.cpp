@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <array>
 #include <string>
 #include <vector>
 
@@ -42,14 +41,6 @@ TEST(ToolStates, TheErrorThatCompletesARunDisables) {
     states.record_success("t", 8.0);
     EXPECT_FALSE(states.disablement("t"));
     EXPECT_EQ(*state(states, "t").last_error, ErrorValue("later"));
-}
-
-TEST(ToolStates, AThresholdOfOneOrLessDisablesAtOnce) {
-    for (const Count limit : {Count{1}, Count{0}, Count{-5}}) {
-        ToolStates states;
-        states.record_error("t", "e", 1.0, limit);
-        EXPECT_TRUE(states.disablement("t")) << limit;
-    }
 }
 
 TEST(ToolStates, AnErrorWithoutSettingsIsOnlyCounted) {
@@ -130,29 +121,6 @@ TEST(Summary, ListsTheWorstFirstAndToolsWithoutStateLast) {
     EXPECT_TRUE(tools[3].usage.empty());
     EXPECT_EQ(tools[4].usage.at(0).avg_ms, std::nullopt);
     EXPECT_EQ(view(tools[4].health.updated_at), "1970-01-01 00:00:00");
-}
-
-TEST(Summary, SortsUsageByCallsThenText) {
-    UsageCounts usage;
-    const HashedText tool("t");
-    const HashedText ok("ok");
-    const HashedText error("error");
-    const std::array<HashedText, 4> actions{"z", "Always", "None", "a"};
-    const auto& [z, always, none, a] = actions;
-    const std::vector<UsageKey> sorted{
-        {&tool, &z, &ok, false},    {&tool, &always, &ok, false}, {&tool, nullptr, &error, true},
-        {&tool, &none, &ok, false}, {&tool, &none, &ok, true},    {&tool, &a, &error, false},
-        {&tool, &a, &ok, false},
-    };
-    for (auto key = sorted.rbegin(); key != sorted.rend(); ++key) {
-        usage.seed(*key, {.calls = key->action == &z ? 9 : 1});
-    }
-    auto rows = summarize({}, usage).at(0).usage;
-    sort_usage(rows);
-    ASSERT_EQ(rows.size(), sorted.size());
-    for (std::size_t i = 0; i < rows.size(); ++i) {
-        EXPECT_TRUE(*rows[i].key == sorted[i]) << i;
-    }
 }
 
 }  // namespace

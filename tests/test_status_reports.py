@@ -1,0 +1,103 @@
+"""The answers of the status tools that need no tracker."""
+
+import inspect
+import sys
+from types import MappingProxyType, SimpleNamespace
+
+import pytest
+from quillet.tool_handlers import health
+
+KEYS = ["name", "count", "avg_ms", "p95_ms", "min_ms", "max_ms", "errors"]
+
+
+@pytest.fixture
+def collector(monkeypatch):
+    records = []
+    collector = SimpleNamespace(get_all_stats=lambda: records)
+    monkeypatch.setattr(health, "get_timing_collector", lambda: collector, raising=False)
+    return records
+
+
+def test_performance_stats_pass_the_collectors_objects_on(collector):
+    assert health.handle_get_tool_performance_stats() == {"tools": []}
+    values = ["z", 10**40, 1.23456, None, object(), "2", 0]
+    collector.append({"more": 1, **dict(zip(reversed(KEYS), reversed(values)))})
+    collector.append(dict.fromkeys(KEYS, "a"))
+    collector.append(dict.fromkeys(KEYS, "z"))
+    answer = health.handle_get_tool_performance_stats()
+    assert list(answer) == ["tools"]
+    assert [list(entry) for entry in answer["tools"]] == [KEYS] * 3
+    assert all(a is b for a, b in zip(answer["tools"][0].values(), values))
+    assert [entry["name"] for entry in answer["tools"]] == ["z", "a", "z"]
+
+
+def test_performance_stats_fail_with_their_collector(collector, monkeypatch):
+    for key in KEYS:
+        collector[:] = [dict.fromkeys(KEYS, 1), {k: 1 for k in KEYS if k != key}]
+        with pytest.raises(KeyError, match=key):
+            health.handle_get_tool_performance_stats()
+    monkeypatch.setattr(health, "get_timing_collector", lambda: 1 / 0)
+    with pytest.raises(ZeroDivisionError):
+        health.handle_get_tool_performance_stats()
+    with pytest.raises(TypeError, match="takes 0 positional arguments but 1 was given"):
+        health.handle_get_tool_performance_stats(1)
+
+
+def census(os_threads, python_total, names=()):
+    return SimpleNamespace(
+        os_threads=os_threads, python_total=python_total, python_threads=MappingProxyType(dict(names))
+    )
+
+
+@pytest.mark.parametrize(
+    ("os_threads", "python_total", "budget", "warned"),
+    [
+        (None, 12, 10, 12), (None, 10, 10, None), (40, 12, 32, 40), (20, 50, 32, None),
+        (32, 1, 32, None), (33, 1, 32, 33), (0, 5, 0, None), (0, 5, -1, 0), (1, 0, 0, 1),
+        (10**30, 1, 10**29, 10**30), (True, 1, False, 1),
+    ],  # fmt: skip
+)
+def test_threads_are_measured_against_the_budget(os_threads, python_total, budget, warned):
+    names = {"z": 2, "a": 1}
+    report = health.thread_census_report(budget, census(os_threads, python_total, names))
+    expected = {} if os_threads is None else {"os": os_threads}
+    expected |= {"python": python_total, "python_by_name": names, "budget": budget}
+    if warned is not None:
+        expected["warning"] = (
+            f"The process holds {warned} threads, more than the {int(budget)} its pools allow: "
+            "threads are piling up. A thread that ran the local embedding model keeps a team of "
+            "torch threads, as many as QUILLET_EMBED_THREADS allows (0 leaves torch's own size)."
+        )
+    assert report == expected and list(report) == list(expected)
+    assert list(report["python_by_name"]) == ["z", "a"]
+    assert report["budget"] is budget
+
+
+def test_a_census_is_taken_only_when_none_is_given(monkeypatch):
+    taken = []
+    monkeypatch.setattr(
+        health, "thread_census", lambda: taken.append(1) or census(None, 3), raising=False
+    )
+    falsy = type("Falsy", (SimpleNamespace,), {"__bool__": lambda self: False})
+    given = falsy(**vars(census(1, 1)))
+    assert health.thread_census_report(2, given)["python"] == 1 and not taken
+    for report in (health.thread_census_report(2), health.thread_census_report(2, None),
+                   health.thread_census_report(census=None, budget=2)):  # fmt: skip
+        assert report["python"] == 3 and "warning" in report
+    assert len(taken) == 3
+    assert str(inspect.signature(health.thread_census_report)) == "(budget, census=None)"
+
+
+def test_a_wrong_budget_or_census_is_named(monkeypatch):
+    with pytest.raises(TypeError, match=r"thread_census_report\(\) argument 'budget' must be int"):
+        health.thread_census_report(1.5, census(1, 1))
+    with pytest.raises(TypeError, match=r"takes from 1 to 2 positional arguments but 3 were given"):
+        health.thread_census_report(1, None, 3)
+    for field in ("os_threads", "python_total", "python_threads"):
+        lacking = census(1, 1)
+        delattr(lacking, field)
+        with pytest.raises(AttributeError, match=field):
+            health.thread_census_report(1, lacking)
+    monkeypatch.setitem(sys.modules, "quillet.utils.process", None)
+    with pytest.raises(ImportError, match="'thread_census' from 'quillet.utils.process'"):
+        health.thread_census_report(1)
