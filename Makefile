@@ -8,9 +8,17 @@ PLAY := $(VENV)/bin/python -m quillet --repository . --config examples/config.to
 	--database build/example.db
 CPP = $(shell git ls-files '*.cpp' '*.hpp')
 
+# A build for `make check` is installed within itself, and loaded with its sanitizer's runtime.
+SETUP_CHECKED = $(MESON) setup -Dbuildtype=debugoptimized -Dpython.platlibdir=$(CURDIR)/$@/site \
+	-Dpython.purelibdir=$(CURDIR)/$@/site
+INSTALL_CHECKED = ninja --quiet -C build/$(1) && $(MESON) install -C build/$(1) --only-changed --quiet
+CHECKED = PYTHONPATH=build/$(1)/site PYTHONMALLOC=malloc ASAN_OPTIONS=detect_leaks=0 \
+	UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 TSAN_OPTIONS=halt_on_error=1 \
+	LD_PRELOAD="$$(g++ -print-file-name=lib$(2).so) $$(g++ -print-file-name=libstdc++.so)"
+
 export PYTHONDONTWRITEBYTECODE := 1
 
-.PHONY: build run test lint bench clean packages
+.PHONY: build run test check lint bench clean packages
 
 build: build/release
 	ninja --quiet -C build/release
@@ -28,6 +36,15 @@ test: build build/sanitized
 	$(MESON) test -C build/release --print-errorlogs
 	$(MESON) test -C build/sanitized --print-errorlogs
 	$(VENV)/bin/python -m pytest
+
+# The module's tests again, each time against a build of the module of its own.
+check: build build/sanitized build/threads build/debug
+	$(call INSTALL_CHECKED,sanitized)
+	$(call CHECKED,sanitized,asan) $(VENV)/bin/python -m pytest
+	$(call INSTALL_CHECKED,threads)
+	$(call CHECKED,threads,tsan) $(VENV)/bin/python -m pytest -s tests/test_summary.py
+	$(call INSTALL_CHECKED,debug)
+	PYTHONPATH=build/debug/site /usr/bin/python3-dbg tests/leaks.py
 
 lint: build/release
 	clang-format --dry-run --Werror $(CPP)
@@ -50,4 +67,12 @@ build/release: | $(VENV)
 	$(MESON) setup $(INSTALL_HERE) $@
 
 build/sanitized: | packages
-	$(MESON) setup -Dbuildtype=debugoptimized -Db_sanitize=address,undefined $@
+	$(SETUP_CHECKED) -Db_sanitize=address,undefined $@
+
+build/threads: | packages
+	$(SETUP_CHECKED) -Db_sanitize=thread $@
+
+# Meson builds for the interpreter that runs it. Debian's headers for the debug interpreter lead to
+# the other one's configuration, so what matters of it is said here.
+build/debug: | packages
+	/usr/bin/python3-dbg $(SETUP_CHECKED) -Dcpp_args=-DPy_DEBUG $@

@@ -69,3 +69,7 @@ def daemon(monkeypatch):
 
 def call(tracker, tool="a", action=None, outcome="ok", alias_hit=False, duration_ms=None):
     tracker.record_call(tool, action, outcome, alias_hit=alias_hit, duration_ms=duration_ms)
+
+
+def pytest_report_header():
+    return f"the module under test: {health.__file__}"

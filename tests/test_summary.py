@@ -4,6 +4,7 @@ import gc
 import subprocess
 import sys
 import threading
+import time
 
 import pytest
 from conftest import call
@@ -94,9 +95,18 @@ def test_others_wait_without_the_interpreter_lock(tracker, monkeypatch):
     assert (t._usage[("a", None, "ok", False)].calls, t._state["a"].call_count) == (2, 1)
 
 
-def test_counts_are_exact_with_many_threads(tracker, repository):
+@pytest.fixture
+def hasty_switches():
+    interval = sys.getswitchinterval()
+    sys.setswitchinterval(1e-6)
+    yield
+    sys.setswitchinterval(interval)
+
+
+def test_counts_are_exact_with_many_threads(tracker, monkeypatch, hasty_switches):
     t = tracker(errors=10**9)
     start = threading.Barrier(8)
+    monkeypatch.setattr(health, "is_slow_call", lambda tool, action: time.sleep(0))
 
     def work(number):
         start.wait()

@@ -19,10 +19,12 @@ struct DisabledAnswer {
 };
 
 struct Tracker {
-    Tracker(PyObject* object, const ModuleState& loaded) : self(object), module(loaded) {}
+    Tracker(PyObject* object, const ModuleState& loaded)
+        : self(object), module(loaded), module_owner(shared(loaded.module)) {}
 
     PyObject* self;  // the Python object that holds this
     const ModuleState& module;
+    Ref module_owner;  // the class alone would let go of it when the collector takes both
     Ref repository;    // null until __init__ has run, and after the collector cleared it
     Ref limits;        // likewise
     TrackerLock lock;  // guards the two below

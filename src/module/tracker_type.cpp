@@ -92,6 +92,7 @@ int tracker_init(PyObject* self, PyObject* args, PyObject* kwargs) {
 int tracker_traverse(PyObject* self, visitproc visit, void* arg) {
     Py_VISIT(Py_TYPE(self));
     Py_VISIT(as_object(self)->attributes);
+    Py_VISIT(as_tracker(self).module_owner.get());
     Py_VISIT(as_tracker(self).repository.get());
     Py_VISIT(as_tracker(self).limits.get());
     return 0;
