@@ -37,8 +37,8 @@ struct Tracker {
 Ref database(const Tracker& tracker);
 
 // The tracker's repository and settings. They raise an AttributeError before __init__ has run.
-Ref repository(const Tracker& tracker);
-Ref settings(const Tracker& tracker);
+const Ref& repository(const Tracker& tracker);
+const Ref& settings(const Tracker& tracker);
 
 // The operations, each in the file of its subject. The results are new references.
 //

@@ -165,7 +165,7 @@ Ref without_arguments(Tracker& tracker, const Call& call) {
 template <auto Get>
 PyGetSetDef property(const char* name, const char* doc) {
     const getter get = [](PyObject* self, void* /*closure*/) {
-        return guarded([&] { return Get(as_tracker(self)); });
+        return guarded([&] { return Ref(Get(as_tracker(self))); });
     };
     return {name, get, nullptr, doc, nullptr};
 }
@@ -320,7 +320,7 @@ PyType_Spec spec{
     slots.data(),
 };
 
-Ref member(const Ref& value, const char* name) {
+const Ref& member(const Ref& value, const char* name) {
     if (!value) {
         PyErr_Format(PyExc_AttributeError, "'ToolHealthTracker' object has no attribute '%s'",
                      name);
@@ -331,9 +331,9 @@ Ref member(const Ref& value, const char* name) {
 
 }  // namespace
 
-Ref repository(const Tracker& tracker) { return member(tracker.repository, "_repo"); }
+const Ref& repository(const Tracker& tracker) { return member(tracker.repository, "_repo"); }
 
-Ref settings(const Tracker& tracker) { return member(tracker.limits, "_limits"); }
+const Ref& settings(const Tracker& tracker) { return member(tracker.limits, "_limits"); }
 
 Ref database(const Tracker& tracker) {
     return owned(repository(tracker).getattr(tracker.module.names[Name::db]));
