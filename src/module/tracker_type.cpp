@@ -90,11 +90,12 @@ int tracker_init(PyObject* self, PyObject* args, PyObject* kwargs) {
 }
 
 int tracker_traverse(PyObject* self, visitproc visit, void* arg) {
-    Py_VISIT(Py_TYPE(self));
-    Py_VISIT(as_object(self)->attributes);
-    Py_VISIT(as_tracker(self).module_owner.get());
-    Py_VISIT(as_tracker(self).repository.get());
-    Py_VISIT(as_tracker(self).limits.get());
+    const auto& tracker = as_tracker(self);
+    for (PyObject* referent :
+         {reinterpret_cast<PyObject*>(Py_TYPE(self)), as_object(self)->attributes,
+          tracker.module_owner.get(), tracker.repository.get(), tracker.limits.get()}) {
+        Py_VISIT(referent);
+    }
     return 0;
 }
 
