@@ -1,7 +1,7 @@
 // The operations of every tool call. None of them touches the database, and one that finds the
 // tool known allocates nothing but its answer.
-#include <chrono>
 #include <cmath>
+#include <ctime>
 #include <limits>
 #include <optional>
 
@@ -22,9 +22,11 @@ constexpr Signature<2> kRecordError{"ToolHealthTracker.record_error",
                                     {Name::tool_name, Name::error}};
 constexpr Signature<1> kIsDisabled{"ToolHealthTracker.is_disabled", {Name::tool_name}};
 
+// Epoch seconds, without the division that std::chrono's count of nanoseconds would need.
 double wall_clock() {
-    const auto since_epoch = std::chrono::system_clock::now().time_since_epoch();
-    return std::chrono::duration<double>(since_epoch).count();
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
 template <std::size_t Size>
