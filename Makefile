@@ -52,7 +52,7 @@ lint: build/release
 	run-clang-tidy -quiet -p build/release 'src/.*\.cpp'
 
 bench: build
-	$(VENV)/bin/python bench/run.py
+	$(VENV)/bin/python bench/run.py $(if $(JSON),--json $(JSON))
 
 clean:
 	rm -rf build $(VENV)
