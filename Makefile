@@ -16,6 +16,8 @@ CHECKED = PYTHONPATH=build/$(1)/site PYTHONMALLOC=malloc ASAN_OPTIONS=detect_lea
 	UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 TSAN_OPTIONS=halt_on_error=1 \
 	LD_PRELOAD="$$(g++ -print-file-name=lib$(2).so) $$(g++ -print-file-name=libstdc++.so)"
 
+NO_ENDING = --deselect tests/test_summary.py::test_the_interpreter_ends_amid_calls
+
 export PYTHONDONTWRITEBYTECODE := 1
 
 .PHONY: build run test check lint bench clean packages
@@ -37,12 +39,13 @@ test: build build/sanitized
 	$(MESON) test -C build/sanitized --print-errorlogs
 	$(VENV)/bin/python -m pytest
 
-# The module's tests again, each time against a build of the module of its own.
+# The module's tests again, each time against a build of the module of its own. The sanitizers lose
+# track of the stack of a thread that is unwound from outside, as the interpreter's end does it.
 check: build build/sanitized build/threads build/debug
 	$(call INSTALL_CHECKED,sanitized)
-	$(call CHECKED,sanitized,asan) $(VENV)/bin/python -m pytest
+	$(call CHECKED,sanitized,asan) $(VENV)/bin/python -m pytest $(NO_ENDING)
 	$(call INSTALL_CHECKED,threads)
-	$(call CHECKED,threads,tsan) $(VENV)/bin/python -m pytest -s tests/test_summary.py
+	$(call CHECKED,threads,tsan) $(VENV)/bin/python -m pytest -s tests/test_summary.py $(NO_ENDING)
 	$(call INSTALL_CHECKED,debug)
 	PYTHONPATH=build/debug/site /usr/bin/python3-dbg tests/leaks.py
 
