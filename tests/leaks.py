@@ -56,15 +56,14 @@ def record(t):
         t.record_success("b")
         t.is_disabled(tool)
         t.record_call(tool, tool, "ok", alias_hit=True, duration_ms=1)
-    return t
 
 
 def use_up(t):
-    record(t)
-    t._state, t._usage, t._dirty, t.limits, t._repo, t.cooldown_s, t.has_unsaved_changes
-    attempt(t.get_health_summary)
-    attempt(t.flush)
-    attempt(t.__init__, None)
+    attempt(record, t)
+    for name in ("_state", "_usage", "_dirty", "limits", "_repo", "has_unsaved_changes"):
+        attempt(getattr, t, name)
+    for operation in (t.get_health_summary, t.flush, lambda: t.__init__(None)):
+        attempt(operation)
 
 
 def with_collaborators(operation, **objects):
@@ -93,8 +92,7 @@ OPERATIONS = {
         lambda: start([ROW], json.dumps([element()])), TOOLS=None),
     "no settings": lambda: with_collaborators(
         lambda: health.ToolHealthTracker(Database()), ToolsConfig=lambda: 1 / 0),
-    "no __init__": lambda: [attempt(getattr, health.ToolHealthTracker.__new__(
-        health.ToolHealthTracker), name) for name in ("limits", "_repo", "_state")],
+    "no __init__": lambda: use_up(health.ToolHealthTracker.__new__(health.ToolHealthTracker)),
     "status reports": lambda: [
         attempt(health.handle_get_tool_performance_stats),
         with_collaborators(health.handle_get_tool_performance_stats,

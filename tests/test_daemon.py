@@ -12,7 +12,6 @@ from quillet.config import ToolsConfig, read_tools_config
 from quillet.daemon.tool_pipeline import HANDLER_THREADS, ToolPipeline
 from quillet.repository import Repository
 from quillet.tool_handlers import health
-from quillet.utils.process import thread_census
 from quillet.utils.timing import WINDOW, TimingCollector
 
 
@@ -132,17 +131,3 @@ def test_timing_is_bounded_and_by_nearest_rank():
     [stats] = collector.get_all_stats()
     assert stats == {"name": "t", "count": WINDOW + 100, "errors": (WINDOW + 100) // 2, "min_ms": 100.0,
                      "max_ms": 1099.0, "p95_ms": 1049.0, "avg_ms": 599.5}  # fmt: skip
-
-
-def test_the_census_cuts_running_numbers_off():
-    stop = threading.Event()
-    threads = [threading.Thread(target=stop.wait, name=f"pool-0_{n}") for n in range(3)]
-    for thread in threads:
-        thread.start()
-    census = thread_census()
-    stop.set()
-    for thread in threads:
-        thread.join()
-    assert census.python_threads["pool-0"] == 3
-    assert list(census.python_threads) == sorted(census.python_threads)
-    assert census.os_threads >= census.python_total == sum(census.python_threads.values())

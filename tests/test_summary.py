@@ -67,34 +67,6 @@ def test_a_call_from_within_is_refused(tracker, monkeypatch):
     assert t.flush() == 1 and t._state == {}
 
 
-def test_others_wait_without_the_interpreter_lock(tracker, monkeypatch):
-    """A summary's is_slow_call waits for threads that are waiting for the tracker."""
-    t = tracker()
-    call(t)
-    waiting = threading.Barrier(4)
-    started = []
-
-    def work(operation):
-        waiting.wait()
-        operation()
-
-    def is_slow_call(tool, action):
-        if not started:
-            for operation in (lambda: call(t), t.flush, lambda: t.record_success("a")):
-                started.append(threading.Thread(target=work, args=(operation,)))
-                started[-1].start()
-            waiting.wait()
-            for _ in range(100):  # lets the others run into the lock
-                threading.Event().wait(0.0001)
-        return False
-
-    monkeypatch.setattr(health, "is_slow_call", is_slow_call)
-    assert t.get_health_summary()[0]["usage"][0]["calls"] == 1
-    for thread in started:
-        thread.join()
-    assert (t._usage[("a", None, "ok", False)].calls, t._state["a"].call_count) == (2, 1)
-
-
 @pytest.fixture
 def hasty_switches():
     interval = sys.getswitchinterval()

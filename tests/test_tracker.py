@@ -3,6 +3,7 @@
 import copy
 import gc
 import inspect
+import math
 import pydoc
 import time
 import weakref
@@ -26,22 +27,14 @@ def test_an_error_disables_at_its_own_time(tracker):
     assert t._state["a"].disabled_at > state.disabled_at
 
 
-@pytest.mark.parametrize("cooldown", [0.0, 0, -1, False])
-def test_a_cooldown_that_has_passed_enables(tracker, cooldown):
+@pytest.mark.parametrize("cooldown", [0.0, 0, -1, False, 1e9, 10**400, math.inf, math.nan])
+def test_a_cooldown_may_be_any_number(tracker, cooldown):
     t = tracker(errors=1, cooldown=cooldown)
     t.record_error("a", "e")
     t.flush()
-    assert t.is_disabled("a") == (False, None)
-    state = t._state["a"]
-    assert (state.disabled_at, state.consecutive_errors, state.last_error) == (None, 0, "e")
-    assert t._dirty == {"a"}
-
-
-@pytest.mark.parametrize("cooldown", [1e9, 10**400, float("inf"), float("nan")])
-def test_a_cooldown_that_has_not_passed_disables(tracker, cooldown):
-    t = tracker(errors=1, cooldown=cooldown)
-    t.record_error("a", "e")
-    assert t.is_disabled("a") == (True, "e")
+    passed = cooldown <= 0
+    assert t.is_disabled("a") == ((False, None) if passed else (True, "e"))
+    assert t._dirty == ({"a"} if passed else set())
 
 
 def test_the_cooldown_is_read_through_its_property(tracker):
@@ -105,13 +98,9 @@ WRONG = [
      "'tool_name', 'action', and 'outcome'"),
     ("record_call", ("a", None, "ok"), {"alias_hit": True},
      "record_call() missing 1 required keyword-only argument: 'duration_ms'"),
-    ("record_call", ("a", None, "ok", True, 1.0), {},
-     "record_call() takes 4 positional arguments but 6 were given"),
     ("record_call", ("a", None, "ok", True), {"alias_hit": True, "duration_ms": None},
      "record_call() takes 4 positional arguments but 5 positional arguments "
      "(and 2 keyword-only arguments) were given"),
-    ("record_call", (1, None, "ok"), {"alias_hit": True, "duration_ms": None},
-     "record_call() argument 'tool_name' must be str, not int"),
     ("record_call", ("a", 1, "ok"), {"alias_hit": True, "duration_ms": None},
      "record_call() argument 'action' must be str or None, not int"),
     ("record_call", ("a", None, None), {"alias_hit": True, "duration_ms": None},
@@ -122,10 +111,6 @@ WRONG = [
      "record_call() argument 'duration_ms' must be a number or None, not str"),
     ("record_success", ("a", "b"), {},
      "record_success() takes 2 positional arguments but 3 were given"),
-    ("record_success", (), {"tool": "a"},
-     "record_success() got an unexpected keyword argument 'tool'"),
-    ("record_error", ("a",), {},
-     "record_error() missing 1 required positional argument: 'error'"),
     ("record_error", ("a", ValueError("e")), {},
      "record_error() argument 'error' must be str or None, not ValueError"),
     ("is_disabled", ("a",), {"tool_name": "a"},
@@ -182,24 +167,11 @@ def test_it_answers_like_a_python_class(tracker):
         copy.copy(t)
 
 
-def test_the_views_are_copies(tracker):
-    t = tracker()
-    t.record_success("a")
-    t._state["a"].call_count = 99
-    t._state.clear()
-    t._dirty.clear()
-    assert t._state["a"].call_count == 1 and t._dirty == {"a"}
-    assert health._ToolState() == health._ToolState(0, 0, None, None, 0.0, 0)
-
-
-def test_a_tracker_without_init_fails_cleanly(tracker):
+def test_a_tracker_is_initialized_once(tracker):
     t = health.ToolHealthTracker.__new__(health.ToolHealthTracker)
     assert t.is_disabled("a") == (False, None)
-    for use in (lambda: t.limits, lambda: t._repo, t._load_usage, lambda: t.record_error("a", "")):
-        try:
-            use()
-        except AttributeError as error:
-            assert "has no attribute" in str(error)
+    with pytest.raises(AttributeError, match="has no attribute '_limits'"):
+        t.record_error("a", "e")
     with pytest.raises(RuntimeError, match="already"):
         tracker().__init__(None)
 

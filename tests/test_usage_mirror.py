@@ -1,7 +1,6 @@
 """The usage document: what is read at a start, and what a flush writes."""
 
 import json
-import sqlite3
 
 import pytest
 from conftest import MEMBERS, call
@@ -130,19 +129,3 @@ def test_what_the_registry_no_longer_has_is_dropped(tracker, document):
     t = tracker()
     assert t.has_unsaved_changes and t.flush() == 0
     assert document() == "[]"
-
-
-def test_known(daemon):
-    assert health._known("a", None) and health._known("a", "x")
-    assert not health._known("a", "z") and not health._known("z", None)
-    assert not health._known("a", 5) and not health._known(5, None)
-
-
-def test_an_unreadable_database_is_logged(tracker, repository, caplog):
-    error = sqlite3.OperationalError("no such table")
-    repository.db.failures["fetchone"] = error
-    assert tracker()._usage == {}
-    assert caplog.records[0].args == (error,)
-    repository.db.failures["fetchone"] = SystemExit()
-    with pytest.raises(SystemExit):
-        tracker()

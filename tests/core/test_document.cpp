@@ -1,32 +1,11 @@
 #include <gtest/gtest.h>
 
-#include <array>
-
 #include "core/document.hpp"
 
 namespace health {
 namespace {
 
 const HashedText kOk = "ok";
-
-TEST(UsageCounts, KeysDifferByEveryPart) {
-    UsageCounts usage;
-    std::array text{'t', '\0'};  // the map must keep texts of its own
-    const HashedText tool(text.data());
-    const HashedText empty("");
-    usage.record_call({&tool, nullptr, &kOk, false}, std::nullopt);
-    usage.record_call({&tool, &empty, &kOk, false}, 0.0);
-    usage.record_call({&tool, &empty, &kOk, true}, 1.5);
-    usage.record_call({&tool, &empty, &kOk, true}, 1.0);
-    text[0] = '?';
-    const HashedText again("t");
-    ASSERT_EQ(usage.entries().size(), 3U);
-    EXPECT_EQ(usage.entries().at({&again, nullptr, &kOk, false}).timed_calls, 0);
-    EXPECT_EQ(usage.entries().at({&again, &empty, &kOk, false}).timed_calls, 1);
-    EXPECT_EQ(usage.entries().at({&again, &empty, &kOk, true}).total_ms, 2.5);
-    EXPECT_EQ(usage.take_changes()->size(), 3U);
-    EXPECT_FALSE(usage.take_changes());
-}
 
 TEST(UsageDocument, HasTheSevenMembersInOrder) {
     UsageCounts usage;

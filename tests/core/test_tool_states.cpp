@@ -3,7 +3,6 @@
 #include <string>
 #include <vector>
 
-#include "core/summary.hpp"
 #include "core/tool_states.hpp"
 
 namespace health {
@@ -41,14 +40,6 @@ TEST(ToolStates, TheErrorThatCompletesARunDisables) {
     states.record_success("t", 8.0);
     EXPECT_FALSE(states.disablement("t"));
     EXPECT_EQ(*state(states, "t").last_error, ErrorValue("later"));
-}
-
-TEST(ToolStates, AnErrorWithoutSettingsIsOnlyCounted) {
-    ToolStates states;
-    states.record_error("t", "e", 1.0, std::nullopt);
-    EXPECT_EQ(state(states, "t").error_count, 1);
-    EXPECT_FALSE(states.disablement("t"));
-    EXPECT_FALSE(states.has_changes());
 }
 
 TEST(ToolStates, ReenablingStartsANewRunOnceOnly) {
@@ -96,31 +87,6 @@ TEST(ToolStates, AnUnwritableTimeLosesTheMarksAndNothingElse) {
     EXPECT_FALSE(states.has_changes());
     states.record_success("t", 1.0);
     EXPECT_EQ(taken(states), std::vector<std::string>{"t"});
-}
-
-TEST(Summary, ListsTheWorstFirstAndToolsWithoutStateLast) {
-    ToolStates states;
-    states.seed("A", {.call_count = 10});
-    states.seed("B", {.call_count = 3, .error_count = 2});
-    states.seed("C", {.call_count = 7, .error_count = 2, .disabled_at = 0.0});
-    states.seed("E", {});
-    UsageCounts usage;
-    const HashedText a("A");
-    const HashedText d("D");
-    const HashedText ok("ok");
-    usage.seed({&d, nullptr, &ok, false}, {.calls = 2});
-    usage.seed({&a, &d, &ok, false}, {.calls = 2, .timed_calls = 3, .total_ms = 10.0});
-    const auto tools = summarize(states, usage);
-    std::string order;
-    for (const auto& tool : tools) {
-        order += tool.health.tool.text;
-    }
-    EXPECT_EQ(order, "CBAED");
-    EXPECT_EQ(view(*tools[0].health.disabled_at), "1970-01-01 00:00:00");
-    EXPECT_EQ(tools[2].usage.at(0).avg_ms, 3.33);
-    EXPECT_TRUE(tools[3].usage.empty());
-    EXPECT_EQ(tools[4].usage.at(0).avg_ms, std::nullopt);
-    EXPECT_EQ(view(tools[4].health.updated_at), "1970-01-01 00:00:00");
 }
 
 }  // namespace
