@@ -1,5 +1,6 @@
 """How the module finds the daemon's objects, under each name that it can be loaded by."""
 
+import importlib.util
 import subprocess
 import sys
 from pathlib import Path
@@ -91,3 +92,9 @@ def test_a_registry_that_lacks_a_module_of_its_own_says_which(tmp_path, nowhere,
     monkeypatch.delitem(sys.modules, "quillet.tool_registry")
     with pytest.raises(ModuleNotFoundError, match="^No module named 'quillet.something_else'"):
         health._known("a", None)
+
+
+def test_a_module_that_is_not_executed_yet_says_so():
+    module = importlib.util.module_from_spec(health.__spec__)
+    with pytest.raises(ImportError, match="has not been loaded"):
+        module._epoch("x")

@@ -107,17 +107,23 @@ import json, threading
 from quillet.tool_handlers import health
 row = dict(tool="t", outcome="ok", alias_hit=False, calls=1, timed_calls=1, total_ms=1)
 document = json.dumps([{**row, "action": str(n)} for n in range(4000)])
+class Slow:
+    def __del__(self):
+        threading.Event().wait(0.01)
 class Repository:
     class db:
         fetchall = lambda sql: []
         fetchone = lambda sql, parameters: (document,)
+        execute = lambda sql, parameters: Slow()
 class Tools:
     get = lambda tool: Tools
     action = lambda name: name
 health.TOOLS = Tools
 def work():
     while True:
-        health.ToolHealthTracker(Repository)
+        t = health.ToolHealthTracker(Repository)
+        t.record_call("t", None, "ok", alias_hit=False, duration_ms=None)
+        t.flush()
 for _ in range(8):
     threading.Thread(target=work, daemon=True).start()
 threading.Event().wait(0.2)

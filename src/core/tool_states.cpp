@@ -41,10 +41,11 @@ void ToolStates::record_error(const HashedText& tool, std::string_view error, do
                               std::optional<Count> disable_after) {
     auto entry = find_or_insert(tool);
     auto& state = entry.value();
+    // First, as it may run out of memory: then nothing is counted.
+    keep_error(state.last_error, first_code_points(error, kLastErrorLength));
     increment(state.call_count);
     increment(state.error_count);
     increment(state.consecutive_errors);
-    keep_error(state.last_error, first_code_points(error, kLastErrorLength));
     state.updated_at = now;
     if (!disable_after) {
         return;

@@ -34,23 +34,22 @@ public:
     // lock gets a RuntimeError, as waiting would be for ever.
     class HoldOverPython {
     public:
-        explicit HoldOverPython(TrackerLock& lock) : lock_(lock) {
+        explicit HoldOverPython(TrackerLock& lock)
+            : lock_(lock), held_(lock.mutex_, std::defer_lock) {
             lock_.refuse_holder();
-            if (!lock_.mutex_.try_lock()) {
+            if (!held_.try_lock()) {
                 const GilRelease others;
-                lock_.mutex_.lock();
+                held_.lock();
             }
             lock_.holder_ = std::this_thread::get_id();
         }
-        ~HoldOverPython() {
-            lock_.holder_ = std::thread::id();
-            lock_.mutex_.unlock();
-        }
+        ~HoldOverPython() { lock_.holder_ = std::thread::id(); }
         HoldOverPython(const HoldOverPython&) = delete;
         HoldOverPython& operator=(const HoldOverPython&) = delete;
 
     private:
         TrackerLock& lock_;
+        std::unique_lock<std::mutex> held_;
     };
 
 private:

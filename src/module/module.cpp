@@ -171,6 +171,14 @@ int load(PyObject* module) {
     return done ? 0 : -1;
 }
 
+int traverse(PyObject* module, visitproc visit, void* arg) {
+    if (const auto& state = state_pointer(module)) {
+        Py_VISIT(state->tool_state_type.get());
+        Py_VISIT(state->usage_type.get());
+    }
+    return 0;
+}
+
 void unload(void* module) { std::destroy_at(&state_pointer(static_cast<PyObject*>(module))); }
 
 std::array slots{
@@ -185,14 +193,21 @@ PyModuleDef definition{
     sizeof(StatePointer),
     functions.data(),
     slots.data(),
-    nullptr,
+    traverse,
     nullptr,
     unload,
 };
 
 }  // namespace
 
-const ModuleState& state_of(PyObject* module) { return *state_pointer(module); }
+const ModuleState& state_of(PyObject* module) {
+    const auto* state = static_cast<StatePointer*>(PyModule_GetState(module));
+    if (state == nullptr || *state == nullptr) {
+        PyErr_SetString(PyExc_ImportError, "the module has not been loaded");
+        throw PythonError();
+    }
+    return **state;
+}
 
 const ModuleState& state_of_class(PyTypeObject* type) {
     PyObject* module = PyType_GetModuleByDef(type, &definition);

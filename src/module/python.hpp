@@ -8,6 +8,7 @@
 #include <chrono>
 #include <exception>
 #include <thread>
+#include <utility>
 
 namespace health {
 
@@ -32,14 +33,16 @@ public:
     Ref(PyObject* object, bool incref = false) : ptr(object, incref) {}
     Ref(const Ref&) = default;
     Ref(Ref&& other) noexcept : ptr(other.release()) {}
-    Ref& operator=(const Ref&) = default;
-    Ref& operator=(Ref&& other) noexcept {
-        set(other.release());
+    // What was held goes with the argument, outside of what may not throw.
+    Ref& operator=(Ref other) noexcept {
+        std::swap(m_ob, other.m_ob);
         return *this;
     }
-    ~Ref() {
-        if (m_ob != nullptr && !may_touch_references()) {
-            release();
+    // What the object runs as it goes may be where the interpreter ends this thread.
+    ~Ref() noexcept(false) {
+        PyObject* object = release();
+        if (object != nullptr && may_touch_references()) {
+            Py_DECREF(object);
         }
     }
 };

@@ -33,7 +33,15 @@ PyObject* tracker_new(PyTypeObject* type, PyObject* /*args*/, PyObject* /*kwargs
     return guarded([&] {
         const auto& module = state_of_class(type);
         auto self = owned(type->tp_alloc(type, 0));
-        std::construct_at(&as_object(self.get())->tracker, self.get(), module);
+        try {
+            std::construct_at(&as_object(self.get())->tracker, self.get(), module);
+        } catch (const std::exception&) {
+            // There is no tracker yet for tracker_dealloc to destroy.
+            PyObject_GC_UnTrack(self.get());
+            type->tp_free(self.release());
+            Py_DECREF(type);
+            throw;
+        }
         return self;
     });
 }
@@ -53,14 +61,16 @@ constexpr Signature<0> kFlushUsage{"ToolHealthTracker._flush_usage", {}};
 
 void initialize(Tracker& tracker, const Call& call) {
     const auto [repository, limits] = bind(kInit, tracker.module.names, call);
+    const bool given = limits != nullptr && limits != Py_None;
+    auto settings = given ? shared(limits)
+                          : owned(PyObject_CallNoArgs(
+                                collaborator(tracker.module, "config", "ToolsConfig").get()));
+    // After what calls Python: once set, neither is replaced while an operation may be using it.
     if (tracker.repository) {
         PyErr_SetString(PyExc_RuntimeError, "the tracker is initialized already");
         throw PythonError();
     }
-    const bool given = limits != nullptr && limits != Py_None;
-    tracker.limits = given ? shared(limits)
-                           : owned(PyObject_CallNoArgs(
-                                 collaborator(tracker.module, "config", "ToolsConfig").get()));
+    tracker.limits = std::move(settings);
     tracker.repository = shared(repository);
     const auto& names = tracker.module.names;
     owned(PyObject_CallMethodNoArgs(tracker.self, names[Name::_load]));
@@ -74,13 +84,15 @@ int tracker_init(PyObject* self, PyObject* args, PyObject* kwargs) {
         }
         // In the form of a vectorcall: the arguments by name follow those by position.
         const auto keywords = kwargs == nullptr ? Ref() : owned(PySequence_Tuple(kwargs));
-        std::vector<PyObject*> arguments;
         const auto positional = PyTuple_GET_SIZE(args);
+        std::vector<PyObject*> arguments;
         for (Py_ssize_t i = 0; i < positional; ++i) {
             arguments.push_back(PyTuple_GET_ITEM(args, i));
         }
-        for (Py_ssize_t i = 0; keywords && i < PyTuple_GET_SIZE(keywords.get()); ++i) {
-            arguments.push_back(PyDict_GetItem(kwargs, PyTuple_GET_ITEM(keywords.get(), i)));
+        PyObject* value = nullptr;
+        for (Py_ssize_t place = 0;
+             kwargs != nullptr && PyDict_Next(kwargs, &place, nullptr, &value) != 0;) {
+            arguments.push_back(value);
         }
         initialize(as_tracker(self),
                    {arguments.data(), static_cast<std::size_t>(positional), keywords.get()});
@@ -109,11 +121,12 @@ int tracker_clear(PyObject* self) {
 void tracker_dealloc(PyObject* self) {
     PyTypeObject* type = Py_TYPE(self);
     PyObject_GC_UnTrack(self);
-    PyObject_ClearWeakRefs(self);
+    Py_TRASHCAN_BEGIN(self, tracker_dealloc) PyObject_ClearWeakRefs(self);
     tracker_clear(self);
     std::destroy_at(&as_tracker(self));
     type->tp_free(self);
     Py_DECREF(type);
+    Py_TRASHCAN_END
 }
 
 // Operations that are not in a file of their own
