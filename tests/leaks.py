@@ -39,8 +39,8 @@ class Database:
         return 1 / 0 if "executemany" in self.fails else None
 
 
-def start(*args, **kwargs):
-    return health.ToolHealthTracker(Database(*args, **kwargs), ToolsConfig(1, 0.0))
+def start(*args, cooldown=0.0, **kwargs):
+    return health.ToolHealthTracker(Database(*args, **kwargs), ToolsConfig(1, cooldown))
 
 
 def attempt(operation, *args, **kwargs):
@@ -78,6 +78,7 @@ STATS = SimpleNamespace(get_all_stats=lambda: [dict.fromkeys(KEYS, 1.5)])
 BAD_STATS = SimpleNamespace(get_all_stats=lambda: [{}])
 OPERATIONS = {
     "records, reads and writes": lambda: use_up(start([ROW, ("gone", *ROW[1:])], "[]")),
+    "a disabled tool": lambda: use_up(start(cooldown=1e9)),
     "failing writes": lambda: [use_up(start(fails=[f])) for f in ("execute", "executemany")],
     "wrong arguments": lambda: [attempt(getattr(start(), o), *a, **k) for o, a, k, _ in WRONG],
     "wrong rows": lambda: [attempt(start, [ROW, row]) for row in (

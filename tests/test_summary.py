@@ -82,11 +82,11 @@ def test_counts_are_exact_with_many_threads(tracker, monkeypatch, hasty_switches
 
     def work(number):
         start.wait()
-        for n in range(400):
+        for n in range(2000):
             t.is_disabled("a")
             t.record_success("a") if n % 2 else t.record_error("a", "e")
             call(t, "a", None, "ok", bool(number % 2), 1.0)
-            if n % 100 == number:
+            if n % 25 == number:
                 t.flush()
                 t.get_health_summary()
 
@@ -97,9 +97,9 @@ def test_counts_are_exact_with_many_threads(tracker, monkeypatch, hasty_switches
         thread.join()
     t.flush()
     for seen in (t, tracker()):
-        assert (seen._state["a"].call_count, seen._state["a"].error_count) == (3200, 1600)
-        assert [usage.calls for usage in seen._usage.values()] == [1600, 1600]
-        assert sum(usage.total_ms for usage in seen._usage.values()) == 3200.0
+        assert (seen._state["a"].call_count, seen._state["a"].error_count) == (16000, 8000)
+        assert [usage.calls for usage in seen._usage.values()] == [8000, 8000]
+        assert sum(usage.total_ms for usage in seen._usage.values()) == 16000.0
 
 
 ENDING = """
