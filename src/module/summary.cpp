@@ -11,8 +11,8 @@
 namespace health {
 namespace {
 
-// Asks for every row whether its call is slow by nature, and puts the rows in order.
-void complete(ToolSummary& tool, const Ref& is_slow_call) {
+// Asks for every row whether its call is slow by nature.
+void ask_for_slow_calls(ToolSummary& tool, const Ref& is_slow_call) {
     const auto name = to_python(tool.health.tool);
     for (auto& row : tool.usage) {
         const auto action = to_python(row.key->action);
@@ -20,7 +20,6 @@ void complete(ToolSummary& tool, const Ref& is_slow_call) {
             PyObject_CallFunctionObjArgs(is_slow_call.get(), name.get(), action.get(), nullptr));
         row.slow = checked(PyObject_IsTrue(answer.get())) != 0;
     }
-    sort_usage(tool.usage);
 }
 
 // The summary, with is_slow_call looked up before: importing it runs Python at length. Nothing
@@ -36,7 +35,7 @@ std::optional<std::vector<ToolSummary>> gather(Tracker& tracker, const Ref& is_s
         tools = summarize(tracker.states, tracker.usage);
     }
     for (auto& tool : tools) {
-        complete(tool, is_slow_call);
+        ask_for_slow_calls(tool, is_slow_call);
     }
     return tools;
 }
@@ -79,6 +78,12 @@ Ref get_health_summary(Tracker& tracker) {
     if (!tools) {
         is_slow_call = collaborator(tracker.module, "tool_schemas", "is_slow_call");
         tools = gather(tracker, is_slow_call);
+    }
+    {
+        const GilRelease others;
+        for (auto& tool : *tools) {
+            sort_usage(tool.usage);
+        }
     }
     auto answers = owned(PyList_New(0));
     Pacer pacer;
