@@ -73,12 +73,8 @@ Ref collaborator(const ModuleState& module, const char* home, const char* name) 
     return found;
 }
 
-Ref find_tool(const Names& names, PyObject* tools, PyObject* tool) {
-    return owned(PyObject_CallMethodOneArg(tools, names[Name::get], tool));
-}
-
 bool registry_knows(const Names& names, PyObject* tools, PyObject* tool, PyObject* action) {
-    const auto spec = find_tool(names, tools, tool);
+    const auto spec = owned(PyObject_CallMethodOneArg(tools, names[Name::get], tool));
     if (spec.is_none() || action == Py_None) {
         return !spec.is_none();
     }

@@ -15,9 +15,6 @@ Ref collaborator(const ModuleState& module, const char* home, const char* name);
 // Whether the registry `tools` has a tool and, unless `action` is none, that action of it.
 bool registry_knows(const Names& names, PyObject* tools, PyObject* tool, PyObject* action);
 
-// The registry's spec of a tool; none when it has no such tool.
-Ref find_tool(const Names& names, PyObject* tools, PyObject* tool);
-
 // Logs the interpreter's error as the argument of `message`, a warning, and clears it; passes on
 // what is not an Exception.
 void log_history_error(const ModuleState& module, const char* message);

@@ -1,5 +1,5 @@
 // The operations of every tool call. None of them touches the database, and one that finds the
-// tool known allocates nothing but its answer.
+// tool known allocates nothing but its answer and an error's text that is new.
 #include <cmath>
 #include <ctime>
 #include <limits>

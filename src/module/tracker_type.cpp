@@ -121,7 +121,8 @@ int tracker_clear(PyObject* self) {
 void tracker_dealloc(PyObject* self) {
     PyTypeObject* type = Py_TYPE(self);
     PyObject_GC_UnTrack(self);
-    Py_TRASHCAN_BEGIN(self, tracker_dealloc) PyObject_ClearWeakRefs(self);
+    Py_TRASHCAN_BEGIN(self, tracker_dealloc);
+    PyObject_ClearWeakRefs(self);
     tracker_clear(self);
     std::destroy_at(&as_tracker(self));
     type->tp_free(self);
