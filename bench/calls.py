@@ -48,14 +48,17 @@ def operation_figures() -> list[Figure]:
         samples = interleaved(ROUNDS, measures)
         empty = samples.pop("empty")
         net = {
-            name: [(full - loop) / CALLS * 1e9 for full, loop in zip(times, empty)] for name, times in samples.items()
+            name: [(full - loop) / CALLS * 1e9 for full, loop in zip(times, empty)]
+            for name, times in samples.items()
         }
         ns = {name: median(times) for name, times in net.items()}
         ratio = median_ratio(net["plain"], net["component"])
         against_plain.append(Figure(subject, ns["component"], ns["plain"], "ns", ratio, at_least=4))
         ratio = median_ratio(net["component"], net["floor"])
         floor_subject = f"{subject}, over the floor"
-        against_floor.append(Figure(floor_subject, ns["component"], ns["floor"], "ns", ratio, at_most=floors))
+        against_floor.append(
+            Figure(floor_subject, ns["component"], ns["floor"], "ns", ratio, at_most=floors)
+        )
     return against_plain + against_floor
 
 
@@ -69,7 +72,9 @@ def thread_figures() -> list[Figure]:
         rates = {name: median(times) / 1e3 for name, times in samples.items()}
         ratio = median_ratio(samples["component"], samples["plain"])
         subject = f"guarded calls, {threads} thread{'s' * (threads > 1)}"
-        figures.append(Figure(subject, rates["component"], rates["plain"], "k/s", ratio, at_least=4))
+        figures.append(
+            Figure(subject, rates["component"], rates["plain"], "k/s", ratio, at_least=4)
+        )
     return figures
 
 
@@ -84,7 +89,10 @@ def _crowd(tracker: Any, threads: int) -> Callable[[], float]:
     share = 200_000 // threads
 
     def run() -> None:
-        crowd = [threading.Thread(target=loop, args=(tracker, repeat(tool_name(i), share))) for i in range(threads)]
+        crowd = [
+            threading.Thread(target=loop, args=(tracker, repeat(tool_name(i), share)))
+            for i in range(threads)
+        ]
         for thread in crowd:
             thread.start()
         for thread in crowd:

@@ -20,7 +20,9 @@ from timing import interleaved
 TOOLS = 1_000
 ROUNDS = 31
 CPUS = sorted(os.sched_getaffinity(0))
-LEAST_MS = 0.1  # ratios take no delay for shorter: an idle loop's own wakes are as far apart as that
+LEAST_MS = (
+    0.1  # ratios take no delay for shorter: an idle loop's own wakes are as far apart as that
+)
 FLUSH = f"flush, {TOOLS * 10:,} usage keys and {TOOLS:,} tools"
 DOCUMENT = f"flush, {TOOLS * 10:,} usage keys alone"
 SUMMARY = f"summary of {TOOLS * 10:,} usage keys"
@@ -31,18 +33,29 @@ def figures() -> list[Figure]:
     measures = {"idle": lambda: _worst_lateness_ms(lambda: time.sleep(0.01))}
     for name in CONTENDERS:
         tracker = filled(name, SilentDb(), TOOLS)
-        measures |= {f"{name} {subject}": measure for subject, measure in _measures(tracker).items()}
+        measures |= {
+            f"{name} {subject}": measure for subject, measure in _measures(tracker).items()
+        }
     gc.freeze()  # one tracker's objects are no part of the collections that the other's work sets off
     worst = {name: median(times) for name, times in interleaved(ROUNDS, measures).items()}
     document = _added(worst, DOCUMENT, at_least=10)
-    limit = Figure("the last, over a limit of 1 ms", document.component, 1.0, "ms", document.component, at_most=1)
+    limit = Figure(
+        "the last, over a limit of 1 ms",
+        document.component,
+        1.0,
+        "ms",
+        document.component,
+        at_most=1,
+    )
     idle = Figure("nothing running (longest delay)", worst["idle"], worst["idle"], "ms", 1.0)
     return [idle, _added(worst, FLUSH), document, limit, _added(worst, SUMMARY)]
 
 
 def _added(worst: dict[str, float], subject: str, at_least: float | None = None) -> Figure:
     component, plain = (worst[f"{name} {subject}"] - worst["idle"] for name in CONTENDERS)
-    return Figure(subject, component, plain, "ms", max(plain, LEAST_MS) / max(component, LEAST_MS), at_least)
+    return Figure(
+        subject, component, plain, "ms", max(plain, LEAST_MS) / max(component, LEAST_MS), at_least
+    )
 
 
 def _measures(tracker: Any) -> dict[str, Callable[[], float]]:
@@ -55,7 +68,11 @@ def _measures(tracker: Any) -> dict[str, Callable[[], float]]:
         change_usage(tracker, TOOLS)
         return _worst_lateness_ms(tracker.flush)
 
-    return {FLUSH: flush_all, DOCUMENT: flush_document, SUMMARY: lambda: _worst_lateness_ms(tracker.get_health_summary)}
+    return {
+        FLUSH: flush_all,
+        DOCUMENT: flush_document,
+        SUMMARY: lambda: _worst_lateness_ms(tracker.get_health_summary),
+    }
 
 
 def _worst_lateness_ms(work: Callable[[], object]) -> float:
@@ -76,7 +93,9 @@ async def _watch(work: Callable[[], object]) -> float:
         work()
         time.sleep(0.005)
 
-    thread = threading.Thread(target=padded)  # no executor: its wake at the end would delay the loop's last timer
+    thread = threading.Thread(
+        target=padded
+    )  # no executor: its wake at the end would delay the loop's last timer
     thread.start()
     await asyncio.sleep(0.002)
     worst = 0.0

@@ -28,7 +28,11 @@ class Figure:
         """The bound in words, and whether it is kept."""
         if self.met is None:
             return ""
-        bound = f"at least {self.at_least:g}" if self.at_least is not None else f"at most {self.at_most:g}"
+        bound = (
+            f"at least {self.at_least:g}"
+            if self.at_least is not None
+            else f"at most {self.at_most:g}"
+        )
         return f"{bound}: {'met' if self.met else 'MISSED'}"
 
     def line(self) -> str:

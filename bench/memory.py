@@ -34,7 +34,9 @@ def add_keys(tracker: Any, text: Text, count: int) -> None:
     """Bring in usage keys, ten of each tool."""
     for number in range(count):
         tool, action = divmod(number, 10)
-        tracker.record_call(text("tool", tool), text("action", action), "ok", alias_hit=False, duration_ms=1.25)
+        tracker.record_call(
+            text("tool", tool), text("action", action), "ok", alias_hit=False, duration_ms=1.25
+        )
 
 
 ADDERS = {"a tool": add_tools, "a usage key": add_keys}
@@ -62,7 +64,9 @@ def _weight(name: str, subject: str, texts: str) -> float:
     for number in range(COUNT):  # shared names exist before the first weighing
         text("tool", number)
         text("action", number % 10)
-    ADDERS[subject](CONTENDERS[name](SilentDb()), text, 10)  # the code itself is in memory before, too
+    ADDERS[subject](
+        CONTENDERS[name](SilentDb()), text, 10
+    )  # the code itself is in memory before, too
     tracker = CONTENDERS[name](SilentDb())
     before = _private_bytes()
     ADDERS[subject](tracker, text, COUNT)

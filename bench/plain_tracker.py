@@ -49,7 +49,9 @@ class Usage:
 
 def timestamp(epoch: float | None) -> str | None:
     """The text under which the health table stores a time."""
-    return None if epoch is None else datetime.fromtimestamp(epoch, timezone.utc).strftime(TIMESTAMP)
+    return (
+        None if epoch is None else datetime.fromtimestamp(epoch, timezone.utc).strftime(TIMESTAMP)
+    )
 
 
 def epoch(text: str | None) -> float | None:
@@ -66,7 +68,11 @@ class PlainTracker:
     """Tool health in memory, mirrored in the repository's database."""
 
     def __init__(
-        self, repository: Any, limits: Any, tools: Any, is_slow_call: Callable[[str, str | None], bool]
+        self,
+        repository: Any,
+        limits: Any,
+        tools: Any,
+        is_slow_call: Callable[[str, str | None], bool],
     ) -> None:
         self._repo = repository
         self._limits = limits
@@ -130,7 +136,13 @@ class PlainTracker:
             self._dirty.add(tool_name)
 
     def record_call(
-        self, tool_name: str, action: str | None, outcome: str, *, alias_hit: bool, duration_ms: float | None
+        self,
+        tool_name: str,
+        action: str | None,
+        outcome: str,
+        *,
+        alias_hit: bool,
+        duration_ms: float | None,
     ) -> None:
         """Count a call under its usage key."""
         key = (tool_name, action, outcome, alias_hit)
@@ -181,13 +193,17 @@ class PlainTracker:
                 "outcome": outcome,
                 "alias_hit": alias_hit,
                 "calls": usage.calls,
-                "avg_ms": round(usage.total_ms / usage.timed_calls, 2) if usage.timed_calls else None,
+                "avg_ms": round(usage.total_ms / usage.timed_calls, 2)
+                if usage.timed_calls
+                else None,
                 "slow": self._is_slow_call(tool_name, action),
             }
             for (tool, action, outcome, alias_hit), usage in self._usage.items()
             if tool == tool_name
         ]
-        rows.sort(key=lambda row: (-row["calls"], str(row["action"]), row["outcome"], row["alias_hit"]))
+        rows.sort(
+            key=lambda row: (-row["calls"], str(row["action"]), row["outcome"], row["alias_hit"])
+        )
         return rows
 
     def _load(self) -> None:
@@ -212,12 +228,17 @@ class PlainTracker:
 
     def _load_usage(self) -> None:
         try:
-            row = self._repo.db.fetchone("SELECT value FROM schema_info WHERE key = ?", (USAGE_KEY,))
+            row = self._repo.db.fetchone(
+                "SELECT value FROM schema_info WHERE key = ?", (USAGE_KEY,)
+            )
             items = json.loads(row[0]) if row and isinstance(row[0], str) else []
             loaded = {
-                (str(item["tool"]), item["action"], str(item["outcome"]), bool(item["alias_hit"])): Usage(
-                    int(item["calls"]), int(item["timed_calls"]), float(item["total_ms"])
-                )
+                (
+                    str(item["tool"]),
+                    item["action"],
+                    str(item["outcome"]),
+                    bool(item["alias_hit"]),
+                ): Usage(int(item["calls"]), int(item["timed_calls"]), float(item["total_ms"]))
                 for item in items
             }
         except Exception as error:
@@ -271,7 +292,9 @@ class PlainTracker:
             ]
         try:
             text = json.dumps(document, separators=(",", ":"))
-            self._repo.db.execute("INSERT OR REPLACE INTO schema_info (key, value) VALUES (?, ?)", (USAGE_KEY, text))
+            self._repo.db.execute(
+                "INSERT OR REPLACE INTO schema_info (key, value) VALUES (?, ?)", (USAGE_KEY, text)
+            )
         except BaseException:
             with self._lock:
                 self._usage_dirty = True

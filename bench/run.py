@@ -15,13 +15,21 @@ import whole_state
 from figures import heading
 
 SECTIONS = [
-    ("Each operation: how many times as fast, or how many times the floor", "plain/floor", calls.operation_figures),
+    (
+        "Each operation: how many times as fast, or how many times the floor",
+        "plain/floor",
+        calls.operation_figures,
+    ),
     ("Threads at once: how many times as many calls", "plain", calls.thread_figures),
     ("Delay added to an event loop: how many times less", "plain", event_loop.figures),
     ("Summary: how many times as fast", "plain", whole_state.summary_figures),
     ("Start and flush: how many times as fast", "plain", whole_state.storage_figures),
     ("Memory: what part of the plain class's", "plain", memory.figures),
-    ("Growth from 100 keys to 10,000: the exponent, 0 constant, 1 linear", "at 100 keys", whole_state.growth_figures),
+    (
+        "Growth from 100 keys to 10,000: the exponent, 0 constant, 1 linear",
+        "at 100 keys",
+        whole_state.growth_figures,
+    ),
 ]
 
 

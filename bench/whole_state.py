@@ -20,7 +20,9 @@ def summary_figures() -> list[Figure]:
     """What the summary costs for each of its entries."""
     figures = []
     for tools, rounds, at_least in ((10, 101, None), (100, 15, None), (1_000, 3, 20)):
-        measures = {name: _timed(filled(name, SilentDb(), tools).get_health_summary) for name in CONTENDERS}
+        measures = {
+            name: _timed(filled(name, SilentDb(), tools).get_health_summary) for name in CONTENDERS
+        }
         gc.freeze()
         samples = interleaved(rounds, measures)
         subject = f"summary of {tools:,} tools, for each of {tools * 10:,} keys"
@@ -53,9 +55,13 @@ def growth_figures() -> list[Figure]:
     trackers = {tools: filled("component", SilentDb(), tools) for tools in sizes}
     figures = []
     for subject, measure in GROWING.items():
-        samples = interleaved(15, {str(tools): measure(tracker, tools) for tools, tracker in trackers.items()})
+        samples = interleaved(
+            15, {str(tools): measure(tracker, tools) for tools, tracker in trackers.items()}
+        )
         us = [median(times) * 1e6 for times in samples.values()]
-        exponent = linear_regression([log(tools) for tools in sizes], [log(cost) for cost in us]).slope
+        exponent = linear_regression(
+            [log(tools) for tools in sizes], [log(cost) for cost in us]
+        ).slope
         figures.append(Figure(subject, us[-1], us[0], "us", exponent))
     return figures
 
@@ -81,7 +87,13 @@ def _one_tool_flush(tracker: Any) -> Callable[[], float]:
 def _milliseconds(subject: str, rounds: int, measures: dict[str, Callable[[], float]]) -> Figure:
     samples = interleaved(rounds, measures)
     ms = {name: median(times) * 1e3 for name, times in samples.items()}
-    return Figure(subject, ms["component"], ms["plain"], "ms", median_ratio(samples["plain"], samples["component"]))
+    return Figure(
+        subject,
+        ms["component"],
+        ms["plain"],
+        "ms",
+        median_ratio(samples["plain"], samples["component"]),
+    )
 
 
 def _over_all_tools(call: str) -> Callable[[Any, int], Callable[[], float]]:

@@ -78,7 +78,9 @@ def play(root, lines, *options):
 
 
 def test_a_tool_fails_is_disabled_comes_back_and_is_remembered(tmp_path):
-    (tmp_path / "config.toml").write_text("[tools]\ndisable_after_errors = 2\ndisable_cooldown_s = 0.2")
+    (tmp_path / "config.toml").write_text(
+        "[tools]\ndisable_after_errors = 2\ndisable_cooldown_s = 0.2"
+    )
     options = ("--config", tmp_path / "config.toml")
     read = '{"tool": "read_file", "arguments": {"path": "%s"}}'
     bad, good = read % "caf\udce9", read % "config.toml"

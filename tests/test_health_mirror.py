@@ -126,8 +126,10 @@ def test_timestamp_functions():
     assert health._sqlite_time(0) == "1970-01-01 00:00:00"
     assert [health._epoch(value) for value in (None, "", 0, "1970-01-01 00:00:00", "\udc80")] == [
         None, None, None, 0.0, None]  # fmt: skip
-    for function, wrong, error in ((health._sqlite_time, (1e12, float("nan"), 10**400), ValueError),
-                                   (health._epoch, (5, 1.5, b"2023-11-14 22:13:20"), TypeError)):
+    for function, wrong, error in (
+        (health._sqlite_time, (1e12, float("nan"), 10**400), ValueError),
+        (health._epoch, (5, 1.5, b"2023-11-14 22:13:20"), TypeError),
+    ):
         for value in wrong:
             with pytest.raises(error):
                 function(value)

@@ -64,13 +64,18 @@ class Tracker(RuleBasedStateMachine):
     @rule(tool=tools, passed=st.booleans())
     def ask(self, tool, passed):
         state = self.states.get(tool, {"disabled": False})
-        expected = (True, state["last_error"]) if state["disabled"] and not passed else (False, None)
+        expected = (
+            (True, state["last_error"]) if state["disabled"] and not passed else (False, None)
+        )
         self.settings.disable_cooldown_s = 0.0 if passed else 1e9
         assert self.tracker.is_disabled(tool) == expected
         if state["disabled"] and passed:
             self.changed(tool, disabled=False, run=0)
 
-    @rule(key=st.tuples(tools, actions, st.sampled_from(["ok", "\udcff"]), st.booleans()), ms=durations)
+    @rule(
+        key=st.tuples(tools, actions, st.sampled_from(["ok", "\udcff"]), st.booleans()),
+        ms=durations,
+    )
     def count(self, key, ms):
         self.tracker.record_call(*key[:3], alias_hit=key[3], duration_ms=ms)
         calls, timed, total = self.usage.get(key, (0, 0, 0.0))
@@ -137,7 +142,9 @@ class Tracker(RuleBasedStateMachine):
                    "last_error": s.last_error, "disabled": s.disabled_at is not None,
                    "run": s.consecutive_errors}
             for tool, s in self.tracker._state.items()}  # fmt: skip
-        usage = {key: (u.calls, u.timed_calls, u.total_ms) for key, u in self.tracker._usage.items()}
+        usage = {
+            key: (u.calls, u.timed_calls, u.total_ms) for key, u in self.tracker._usage.items()
+        }
         assert shown == self.states
         assert list(usage.items()) == list(self.usage.items())
         assert (self.tracker._dirty, self.tracker._usage_dirty) == (self.dirty, self.usage_dirty)

@@ -45,7 +45,9 @@ def test_performance_stats_fail_with_their_collector(collector, monkeypatch):
 
 def census(os_threads, python_total, names=()):
     return SimpleNamespace(
-        os_threads=os_threads, python_total=python_total, python_threads=MappingProxyType(dict(names))
+        os_threads=os_threads,
+        python_total=python_total,
+        python_threads=MappingProxyType(dict(names)),
     )
 
 
