@@ -62,8 +62,8 @@ def tracker(repository):
 @pytest.fixture(autouse=True)
 def daemon(monkeypatch):
     tools = {"a": Spec("x", "y"), "b": Spec(), "c": Spec()}
-    monkeypatch.setattr(health, "TOOLS", tools, raising=False)
-    monkeypatch.setattr(health, "is_slow_call", lambda tool, action: action == "x", raising=False)
+    monkeypatch.setitem(vars(health), "TOOLS", tools)
+    monkeypatch.setitem(vars(health), "is_slow_call", lambda tool, action: action == "x")
     return tools
 
 

@@ -107,7 +107,7 @@ def test_stored_values_are_read(calls, expected):
         (("c", 0, 0, None, 5, None), TypeError),
         (("c", 0, 0, None, None, b"x"), TypeError),
         (("c", 0, 0, object(), None, None), TypeError),
-        (("c", 0, 0), ValueError),
+        (("c", 0, 0), IndexError),
     ],
 )
 def test_stored_values_that_do_not_convert_are_errors(tracker, row, error, caplog):

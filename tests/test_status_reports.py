@@ -14,7 +14,7 @@ KEYS = ["name", "count", "avg_ms", "p95_ms", "min_ms", "max_ms", "errors"]
 def collector(monkeypatch):
     records = []
     collector = SimpleNamespace(get_all_stats=lambda: records)
-    monkeypatch.setattr(health, "get_timing_collector", lambda: collector, raising=False)
+    monkeypatch.setitem(vars(health), "get_timing_collector", lambda: collector)
     return records
 
 
@@ -36,10 +36,10 @@ def test_performance_stats_fail_with_their_collector(collector, monkeypatch):
         collector[:] = [dict.fromkeys(KEYS, 1), {k: 1 for k in KEYS if k != key}]
         with pytest.raises(KeyError, match=key):
             health.handle_get_tool_performance_stats()
-    monkeypatch.setattr(health, "get_timing_collector", lambda: 1 / 0)
+    monkeypatch.setitem(vars(health), "get_timing_collector", lambda: 1 / 0)
     with pytest.raises(ZeroDivisionError):
         health.handle_get_tool_performance_stats()
-    with pytest.raises(TypeError, match="takes 0 positional arguments but 1 was given"):
+    with pytest.raises(TypeError, match="takes no arguments"):
         health.handle_get_tool_performance_stats(1)
 
 
@@ -77,9 +77,7 @@ def test_threads_are_measured_against_the_budget(os_threads, python_total, budge
 
 def test_a_census_is_taken_only_when_none_is_given(monkeypatch):
     taken = []
-    monkeypatch.setattr(
-        health, "thread_census", lambda: taken.append(1) or census(None, 3), raising=False
-    )
+    monkeypatch.setitem(vars(health), "thread_census", lambda: taken.append(1) or census(None, 3))
     falsy = type("Falsy", (SimpleNamespace,), {"__bool__": lambda self: False})
     given = falsy(**vars(census(1, 1)))
     assert health.thread_census_report(2, given)["python"] == 1 and not taken
@@ -93,7 +91,7 @@ def test_a_census_is_taken_only_when_none_is_given(monkeypatch):
 def test_a_wrong_budget_or_census_is_named(monkeypatch):
     with pytest.raises(TypeError, match=r"thread_census_report\(\) argument 'budget' must be int"):
         health.thread_census_report(1.5, census(1, 1))
-    with pytest.raises(TypeError, match=r"takes from 1 to 2 positional arguments but 3 were given"):
+    with pytest.raises(TypeError, match="3 given"):
         health.thread_census_report(1, None, 3)
     for field in ("os_threads", "python_total", "python_threads"):
         lacking = census(1, 1)

@@ -92,43 +92,31 @@ def test_any_text_comes_back_unchanged(tracker, text):
     assert (row["tool_name"], row["usage"][0]["action"]) == (text, text)
 
 
-C = "ToolHealthTracker."
+NAMED = {"alias_hit": True, "duration_ms": None}
 WRONG = [
-    ("record_call", (), {}, "record_call() missing 3 required positional arguments: "
-     "'tool_name', 'action', and 'outcome'"),
-    ("record_call", ("a", None, "ok"), {"alias_hit": True},
-     "record_call() missing 1 required keyword-only argument: 'duration_ms'"),
-    ("record_call", ("a", None, "ok", True), {"alias_hit": True, "duration_ms": None},
-     "record_call() takes 4 positional arguments but 5 positional arguments "
-     "(and 2 keyword-only arguments) were given"),
-    ("record_call", ("a", 1, "ok"), {"alias_hit": True, "duration_ms": None},
-     "record_call() argument 'action' must be str or None, not int"),
-    ("record_call", ("a", None, None), {"alias_hit": True, "duration_ms": None},
-     "record_call() argument 'outcome' must be str, not None"),
-    ("record_call", ("a", None, "ok"), {"alias_hit": 1, "duration_ms": None},
-     "record_call() argument 'alias_hit' must be bool, not int"),
-    ("record_call", ("a", None, "ok"), {"alias_hit": True, "duration_ms": "1"},
-     "record_call() argument 'duration_ms' must be a number or None, not str"),
-    ("record_success", ("a", "b"), {},
-     "record_success() takes 2 positional arguments but 3 were given"),
-    ("record_error", ("a", ValueError("e")), {},
-     "record_error() argument 'error' must be str or None, not ValueError"),
-    ("is_disabled", ("a",), {"tool_name": "a"},
-     "is_disabled() got multiple values for argument 'tool_name'"),
-    ("is_disabled", (b"a",), {}, "is_disabled() argument 'tool_name' must be str, not bytes"),
-    ("flush", (1,), {}, "flush() takes 1 positional argument but 2 were given"),
-    ("flush", (), {"text": 1}, "flush() got an unexpected keyword argument 'text'"),
-    ("__init__", (), {}, "__init__() missing 1 required positional argument: 'repository'"),
-    ("__init__", (1, 2, 3), {}, "__init__() takes from 2 to 3 positional arguments but 4 were given"),
-]  # fmt: skip
+    ("record_call", (), {}, "tool_name"),
+    ("record_call", ("a", None, "ok"), {"alias_hit": True}, "duration_ms"),
+    ("record_call", ("a", None, "ok", True), {"duration_ms": None}, "positional"),
+    ("record_call", ("a", 1, "ok"), NAMED, "'action' must be str or None, not int"),
+    ("record_call", ("a", None, None), NAMED, "'outcome' must be str, not None"),
+    ("record_call", ("a", None, "ok"), {**NAMED, "alias_hit": 1}, "'alias_hit' must be bool"),
+    ("record_call", ("a", None, "ok"), {**NAMED, "duration_ms": "1"}, "a number or None, not str"),
+    ("record_call", ("a", None, "ok"), {**NAMED, "more": 1}, "6 given"),
+    ("record_success", ("a", "b"), {}, "2 given"),
+    ("record_error", ("a", ValueError("e")), {}, "'error' must be str or None, not ValueError"),
+    ("is_disabled", ("a",), {"tool_name": "a"}, "2 given"),
+    ("is_disabled", (b"a",), {}, "'tool_name' must be str, not bytes"),
+    ("flush", (1,), {}, "no arguments"),
+    ("__init__", (), {}, "repository"),
+    ("__init__", (1, 2, 3), {}, "3 given"),
+]
 
 
-@pytest.mark.parametrize(("operation", "args", "kwargs", "message"), WRONG)
-def test_a_wrong_argument_is_named_and_records_nothing(tracker, operation, args, kwargs, message):
+@pytest.mark.parametrize(("operation", "args", "kwargs", "named"), WRONG)
+def test_a_wrong_argument_is_named_and_records_nothing(tracker, operation, args, kwargs, named):
     t = tracker()
-    with pytest.raises(TypeError) as error:
+    with pytest.raises(TypeError, match=named):
         getattr(t, operation)(*args, **kwargs)
-    assert str(error.value) == C + message
     assert (t._state, t._usage, t.has_unsaved_changes) == ({}, {}, False)
 
 

@@ -38,19 +38,6 @@ char32_t take_code_point(std::string_view& text) {
     return code_point;
 }
 
-std::string_view first_code_points(std::string_view text, std::size_t count) {
-    if (text.size() <= count) {
-        return text;
-    }
-    std::size_t end = 0;
-    for (; end < text.size(); ++end) {
-        if (!is_continuation(text[end]) && count-- == 0) {
-            break;
-        }
-    }
-    return text.substr(0, end);
-}
-
 bool is_white_space(char32_t code_point) {
     return std::any_of(kWhiteSpace.begin(), kWhiteSpace.end(), [&](const Range& range) {
         return range.first <= code_point && code_point <= range.last;
@@ -59,9 +46,9 @@ bool is_white_space(char32_t code_point) {
 
 HashedText TextStore::keep(const HashedText& text) {
     const auto size = text.text.size();
-    auto* copy = static_cast<char*>(memory_.allocate(size, 1));
+    auto* copy = static_cast<char*>(memory_->allocate(size, 1));
     std::copy_n(text.text.data(), size, copy);
-    return {std::string_view(copy, size), text.hash};
+    return {.text = {copy, size}, .hash = text.hash};
 }
 
 }  // namespace health

@@ -4,7 +4,7 @@
 #pragma once
 
 #include <cstddef>
-#include <functional>
+#include <memory>
 #include <memory_resource>
 #include <string_view>
 
@@ -13,18 +13,11 @@ namespace health {
 // Takes the first code point off `text`, which must not be empty.
 char32_t take_code_point(std::string_view& text);
 
-// The longest start of `text` that has at most `count` code points.
-std::string_view first_code_points(std::string_view text, std::size_t count);
-
 bool is_white_space(char32_t code_point);
 
-// A text with its hash, which whoever hands it over may have at hand. Texts that meet in one map
+// A text with its hash, which whoever hands it over has at hand. All texts that meet in one map
 // must be hashed alike. A view: it keeps nothing alive.
 struct HashedText {
-    HashedText(std::string_view view) : HashedText(view, std::hash<std::string_view>{}(view)) {}
-    HashedText(const char* literal) : HashedText(std::string_view(literal)) {}
-    HashedText(std::string_view view, std::size_t hash_of_view) : text(view), hash(hash_of_view) {}
-
     bool operator==(const HashedText& other) const { return text == other.text; }
 
     std::string_view text;
@@ -41,7 +34,9 @@ public:
     HashedText keep(const HashedText& text);
 
 private:
-    std::pmr::monotonic_buffer_resource memory_;
+    using Memory = std::pmr::monotonic_buffer_resource;
+
+    std::unique_ptr<Memory> memory_ = std::make_unique<Memory>();
 };
 
 }  // namespace health

@@ -6,11 +6,12 @@ namespace health {
 namespace {
 
 // A tool tends to fail the same way again: the text is copied only when it is another one.
-void keep_error(LastError& kept, std::string_view error) {
-    const auto* text = kept ? std::get_if<std::string>(kept.get()) : nullptr;
-    if (text == nullptr || *text != error) {
-        kept = std::make_shared<const ErrorValue>(std::in_place_type<std::string>, error);
+LastError kept_error(const LastError& latest, std::string_view error) {
+    const auto* text = latest ? std::get_if<std::string>(latest.get()) : nullptr;
+    if (text != nullptr && *text == error) {
+        return latest;
     }
+    return std::make_shared<const ErrorValue>(std::in_place_type<std::string>, error);
 }
 
 }  // namespace
@@ -28,74 +29,83 @@ HealthRow health_row(const HashedText& tool, const ToolState& state) {
 }
 
 void ToolStates::record_success(const HashedText& tool, double now) {
-    auto entry = find_or_insert(tool);
-    auto& state = entry.value();
-    increment(state.call_count);
-    state.consecutive_errors = 0;
-    state.disabled_at.reset();
-    state.updated_at = now;
+    auto& entry = find_or_insert(tool);
+    increment(entry.call_count);
+    entry.consecutive_errors = 0;
+    entry.disabled_at.reset();
+    entry.updated_at = now;
     mark_changed(entry);
 }
 
 void ToolStates::record_error(const HashedText& tool, std::string_view error, double now,
-                              std::optional<Count> disable_after) {
-    auto entry = find_or_insert(tool);
-    auto& state = entry.value();
-    // First, as it may run out of memory: then nothing is counted.
-    keep_error(state.last_error, first_code_points(error, kLastErrorLength));
-    increment(state.call_count);
-    increment(state.error_count);
-    increment(state.consecutive_errors);
-    state.updated_at = now;
+                              std::optional<double> disable_after) {
+    // All that needs memory comes first.
+    auto* known = find(tool);
+    auto last_error = kept_error(known == nullptr ? LastError() : known->last_error, error);
+    auto& entry = known == nullptr ? insert(tool) : *known;
+    entry.last_error = std::move(last_error);
+    increment(entry.call_count);
+    increment(entry.error_count);
+    increment(entry.consecutive_errors);
+    entry.updated_at = now;
     if (!disable_after) {
         return;
     }
-    if (state.consecutive_errors >= *disable_after) {
-        state.disabled_at = state.updated_at;
+    if (static_cast<double>(entry.consecutive_errors) >= *disable_after) {
+        entry.disabled_at = entry.updated_at;
     }
     mark_changed(entry);
 }
 
-std::optional<Disablement> ToolStates::disablement(const HashedText& tool) const {
+bool ToolStates::is_disabled(const HashedText& tool) const {
     const auto entry = entries_.find(tool);
-    if (entry == entries_.end() || !entry.value().disabled_at) {
+    return entry != entries_.end() && entry.value().disabled_at.has_value();
+}
+
+std::optional<LastError> ToolStates::check(const HashedText& tool, double now, double cooldown_s) {
+    auto* entry = find(tool);
+    if (entry == nullptr || !entry->disabled_at) {
         return std::nullopt;
     }
-    const auto& state = entry.value();
-    return Disablement{*state.disabled_at, state.last_error};
-}
-
-bool ToolStates::reenable(const HashedText& tool, double since, double now) {
-    auto entry = entries_.find(tool);
-    if (entry == entries_.end() || entry.value().disabled_at != since) {
-        return false;
+    if (!(now - *entry->disabled_at >= cooldown_s)) {
+        return entry->last_error;
     }
-    auto& state = entry.value();
-    state.consecutive_errors = 0;
-    state.disabled_at.reset();
-    state.updated_at = now;
-    mark_changed(entry);
-    return true;
+    entry->consecutive_errors = 0;
+    entry->disabled_at.reset();
+    entry->updated_at = now;
+    mark_changed(*entry);
+    return std::nullopt;
 }
 
 void ToolStates::seed(const HashedText& tool, ToolState state) {
-    auto entry = find_or_insert(tool);
-    static_cast<ToolState&>(entry.value()) = std::move(state);
+    static_cast<ToolState&>(find_or_insert(tool)) = std::move(state);
+}
+
+void ToolStates::seed(ToolStates stored) {
+    if (entries_.empty()) {
+        *this = std::move(stored);
+        return;
+    }
+    for (const auto& [tool, entry] : stored.entries_) {
+        seed(tool, entry);
+    }
 }
 
 std::vector<HealthRow> ToolStates::take_changes() {
-    auto positions = changed();
+    std::vector<Map::iterator> taken;
     std::vector<HealthRow> rows;
-    rows.reserve(positions.size());
-    for (const auto position : positions) {
-        entries_.nth(position).value().next_changed = kUnchanged;
+    taken.reserve(changed_);
+    rows.reserve(changed_);
+    for (auto entry = entries_.begin(); entry != entries_.end(); ++entry) {
+        if (std::exchange(entry.value().changed, false)) {
+            taken.push_back(entry);
+        }
     }
-    first_changed_ = kEndOfChain;
-    std::sort(positions.begin(), positions.end(), [&](Position left, Position right) {
-        return entries_.nth(left).key().text < entries_.nth(right).key().text;
+    changed_ = 0;
+    std::sort(taken.begin(), taken.end(), [](const auto& left, const auto& right) {
+        return left.key().text < right.key().text;
     });
-    for (const auto position : positions) {
-        auto entry = entries_.nth(position);
+    for (auto entry : taken) {
         rows.push_back(health_row(entry.key(), entry.value()));
     }
     return rows;
@@ -103,38 +113,26 @@ std::vector<HealthRow> ToolStates::take_changes() {
 
 void ToolStates::restore_changes(std::span<const HealthRow> rows) {
     for (const auto& row : rows) {
-        mark_changed(entries_.find(row.tool));
+        mark_changed(*find(row.tool));
     }
 }
 
-std::vector<std::string_view> ToolStates::changed_tools() const {
-    std::vector<std::string_view> tools;
-    for (const auto position : changed()) {
-        tools.push_back(entries_.nth(position).key().text);
-    }
-    return tools;
+ToolStates::Entry* ToolStates::find(const HashedText& tool) {
+    auto entry = entries_.find(tool);
+    return entry == entries_.end() ? nullptr : &entry.value();
 }
 
-ToolStates::Map::iterator ToolStates::find_or_insert(const HashedText& tool) {
-    const auto entry = entries_.find(tool);
-    return entry != entries_.end() ? entry : entries_.try_emplace(texts_.keep(tool)).first;
+ToolStates::Entry& ToolStates::find_or_insert(const HashedText& tool) {
+    auto* known = find(tool);
+    return known == nullptr ? insert(tool) : *known;
 }
 
-void ToolStates::mark_changed(Map::iterator entry) {
-    if (entry.value().next_changed == kUnchanged) {
-        entry.value().next_changed = first_changed_;
-        first_changed_ = static_cast<Position>(entry - entries_.begin());
-    }
+ToolStates::Entry& ToolStates::insert(const HashedText& tool) {
+    return entries_.try_emplace(texts_.keep(tool)).first.value();
 }
 
-std::vector<ToolStates::Position> ToolStates::changed() const {
-    std::vector<Position> positions;
-    auto position = first_changed_;
-    while (position != kEndOfChain) {
-        positions.push_back(position);
-        position = entries_.nth(position).value().next_changed;
-    }
-    return positions;
+void ToolStates::mark_changed(Entry& entry) {
+    changed_ += static_cast<std::size_t>(!std::exchange(entry.changed, true));
 }
 
 }  // namespace health

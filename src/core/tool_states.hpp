@@ -3,9 +3,7 @@
 
 #include <tsl/ordered_map.h>
 #include <cstddef>
-#include <cstdint>
 #include <functional>
-#include <limits>
 #include <memory>
 #include <optional>
 #include <span>
@@ -20,9 +18,6 @@
 #include "core/timestamp.hpp"
 
 namespace health {
-
-// How much of an error's text is kept, in code points.
-inline constexpr std::size_t kLastErrorLength = 500;
 
 struct Blob {
     std::string bytes;
@@ -59,33 +54,31 @@ struct HealthRow {
 // Throws UnwritableTime.
 HealthRow health_row(const HashedText& tool, const ToolState& state);
 
-struct Disablement {
-    double since;
-    LastError last_error;
-};
-
 // The state of every tool seen, in the order in which they were first seen, and which of them
-// changed since they were last taken for a write. Entries are never removed.
+// changed since they were last taken for a write. Entries are never removed. An operation that
+// runs out of memory has changed nothing.
 class ToolStates {
 public:
     void record_success(const HashedText& tool, double now);
 
-    // Without `disable_after` (the setting could not be read) the error is counted, but nothing
-    // that depends on the setting happens: the tool is neither disabled nor marked changed.
+    // The error that makes a run of at least `disable_after` disables the tool, and so does each
+    // one after it. Without `disable_after` (the setting could not be read) the error is counted,
+    // but nothing that depends on the setting happens: the tool is neither disabled nor marked
+    // changed.
     void record_error(const HashedText& tool, std::string_view error, double now,
-                      std::optional<Count> disable_after);
+                      std::optional<double> disable_after);
 
-    // Since when and with which last error `tool` is disabled; nothing when it is enabled.
-    std::optional<Disablement> disablement(const HashedText& tool) const;
+    bool is_disabled(const HashedText& tool) const;
 
-    // Re-enables a tool whose cooldown has passed. False, and nothing done, when it is not
-    // disabled since `since` any more: somebody else was faster.
-    bool reenable(const HashedText& tool, double since, double now);
+    // The last error of a tool that is disabled; nothing when it is enabled. A tool whose cooldown
+    // has passed is enabled now.
+    std::optional<LastError> check(const HashedText& tool, double now, double cooldown_s);
 
-    // Installs a stored state, which counts as saved.
+    // Installs a stored state, or all of them. They count as saved.
     void seed(const HashedText& tool, ToolState state);
+    void seed(ToolStates stored);
 
-    bool has_changes() const { return first_changed_ != kEndOfChain; }
+    bool has_changes() const { return changed_ > 0; }
 
     // The changed tools' rows by name; none of them counts as changed afterwards. Throws
     // UnwritableTime (and they do not count as changed then either).
@@ -94,15 +87,8 @@ public:
     // Marks the tools of rows that could not be written as changed again.
     void restore_changes(std::span<const HealthRow> rows);
 
-    std::vector<std::string_view> changed_tools() const;
-
-    // The changed entries are chained by their positions, so marking one never allocates.
-    using Position = std::uint32_t;
-    static constexpr Position kUnchanged = std::numeric_limits<Position>::max();
-    static constexpr Position kEndOfChain = kUnchanged - 1;
-
     struct Entry : ToolState {
-        Position next_changed = kUnchanged;
+        bool changed = false;
     };
     using Item = std::pair<HashedText, Entry>;
     using Map = tsl::ordered_map<HashedText, Entry, TextHash, std::equal_to<>, std::allocator<Item>,
@@ -111,13 +97,14 @@ public:
     const Map& entries() const { return entries_; }
 
 private:
-    Map::iterator find_or_insert(const HashedText& tool);
-    void mark_changed(Map::iterator entry);
-    std::vector<Position> changed() const;
+    Entry* find(const HashedText& tool);  // null when there is none
+    Entry& find_or_insert(const HashedText& tool);
+    Entry& insert(const HashedText& tool);
+    void mark_changed(Entry& entry);
 
     TextStore texts_;  // of the map's keys
     Map entries_;
-    Position first_changed_ = kEndOfChain;
+    std::size_t changed_ = 0;  // how many entries are
 };
 
 }  // namespace health

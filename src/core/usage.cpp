@@ -1,5 +1,7 @@
 #include "core/usage.hpp"
 
+#include <utility>
+
 namespace health {
 namespace {
 
@@ -32,6 +34,18 @@ void UsageCounts::record_call(const UsageKey& key, std::optional<double> duratio
         usage.total_ms += *duration_ms;
     }
     changed_ = true;
+}
+
+void UsageCounts::seed(UsageCounts stored) {
+    if (entries_.empty()) {
+        store_ = std::move(stored.store_);
+        texts_ = std::move(stored.texts_);
+        entries_ = std::move(stored.entries_);
+        return;
+    }
+    for (const auto& [key, usage] : stored.entries_) {
+        seed(key, usage);
+    }
 }
 
 std::optional<std::vector<UsageEntry>> UsageCounts::take_changes() {

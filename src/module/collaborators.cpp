@@ -2,83 +2,93 @@
 
 #include <string>
 
+#include "module/arguments.hpp"
+#include "module/operations.hpp"
 #include "module/values.hpp"
 
 namespace health {
 namespace {
 
-// The error being raised, taken over with its traceback in place.
-Ref take_error() {
-    PyObject* type = nullptr;
-    PyObject* value = nullptr;
-    PyObject* traceback = nullptr;
-    PyErr_Fetch(&type, &value, &traceback);
-    PyErr_NormalizeException(&type, &value, &traceback);
-    if (traceback != nullptr) {
-        PyException_SetTraceback(value, traceback);
-    }
-    Py_XDECREF(type);
-    Py_XDECREF(traceback);
-    return {value};
-}
-
-void restore_error(const Ref& error) {
-    PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(error.get())), error.get());
-}
-
 // Whether the error being raised says that `home`, or a package on the way to it, does not exist;
 // not some other module that it needs.
-bool is_missing(const std::string& home) {
+bool is_missing(const Names& names, const std::string& home) {
     if (!PyErr_ExceptionMatches(PyExc_ModuleNotFoundError)) {
         return false;
     }
     const auto error = take_error();
-    const auto missing = owned(error.getattr("name"));
+    const auto missing = error.attribute(names[Name::name]);
     restore_error(error);
-    return missing.is_str() &&
-           (home + '.').starts_with(std::string(Text(missing.get()).text) + '.');
+    return PyUnicode_Check(missing.get()) &&
+           (home + '.').starts_with(std::string(Text(missing).text) + '.');
 }
 
-// Raises the ImportError of a name that `home` does not have, caused by the present error.
-[[noreturn]] void raise_not_found(const std::string& home, const char* name) {
-    Ref cause = take_error();
-    const auto message =
-        owned(PyUnicode_FromFormat("cannot import name '%s' from '%s'", name, home.c_str()));
-    const auto home_name = owned(PyUnicode_FromString(home.c_str()));
-    PyErr_SetImportError(message.get(), home_name.get(), nullptr);
-    const auto error = take_error();
-    PyException_SetCause(error.get(), cause.release());
-    restore_error(error);
-    throw PythonError();
-}
-
-}  // namespace
-
-Ref collaborator(const ModuleState& module, const char* home, const char* name) {
-    if (PyObject* own = PyDict_GetItemString(PyModule_GetDict(module.module), name)) {
-        return shared(own);
-    }
-    const auto full_home = module.package + home;
-    const Ref daemon_module(PyImport_ImportModule(full_home.c_str()));
-    if (!daemon_module && !is_missing(full_home)) {
+// The daemon's own object.
+Ref import_from_home(const ModuleState& module, const Collaborator& collaborator) {
+    const auto home_name = module.package + collaborator.home;
+    const Ref home(PyImport_ImportModule(home_name.c_str()));
+    if (home == nullptr && !is_missing(module.names, home_name)) {
         throw PythonError();
     }
-    Ref found(daemon_module ? daemon_module.getattr(name) : nullptr);
-    if (!found && daemon_module && !PyErr_ExceptionMatches(PyExc_AttributeError)) {
+    Ref found(home == nullptr ? nullptr : PyObject_GetAttr(home, module.names[collaborator.name]));
+    if (found == nullptr && home != nullptr && !PyErr_ExceptionMatches(PyExc_AttributeError)) {
         throw PythonError();
     }
-    if (!found) {
-        raise_not_found(full_home, name);
+    if (found == nullptr) {
+        _PyErr_FormatFromCause(PyExc_ImportError, "cannot import name '%s' from '%s'",
+                               text(collaborator.name), home_name.c_str());
+        throw PythonError();
     }
     return found;
 }
 
-bool registry_knows(const Names& names, PyObject* tools, PyObject* tool, PyObject* action) {
-    const auto spec = owned(PyObject_CallMethodOneArg(tools, names[Name::get], tool));
+// The module's __getattr__, which shows the daemon's objects as attributes of the module.
+
+Signature<1> attribute_signature("__getattr__", {Name::name});
+
+// What is not found is an AttributeError, as one who asks for an attribute expects.
+Ref module_attribute(const ModuleState& module, const Call& call) {
+    const auto [name] = attribute_signature.bind(module.names, call);
+    for (const auto& collaborator :
+         {kToolsConfig, kTools, kIsSlowCall, kGetTimingCollector, kThreadCensus}) {
+        if (name != module.names[collaborator.name]) {
+            continue;
+        }
+        try {
+            return import_from_home(module, collaborator);
+        } catch (const PythonError&) {
+            if (PyErr_ExceptionMatches(PyExc_ImportError)) {
+                _PyErr_FormatFromCause(PyExc_AttributeError, "module '%s' has no attribute '%U'",
+                                       PyModule_GetName(module.module), name);
+            }
+            throw;
+        }
+    }
+    raise(PyExc_AttributeError, "module '%s' has no attribute '%S'",
+          PyModule_GetName(module.module), name);
+}
+
+}  // namespace
+
+Ref find(const ModuleState& module, const Collaborator& collaborator) {
+    PyObject* own =
+        PyDict_GetItemWithError(PyModule_GetDict(module.module), module.names[collaborator.name]);
+    if (own != nullptr) {
+        return shared(own);
+    }
+    if (PyErr_Occurred() != nullptr) {
+        throw PythonError();
+    }
+    return import_from_home(module, collaborator);
+}
+
+const PyMethodDef kModuleAttribute = method<module_attribute>("__getattr__", nullptr);
+
+bool registry_knows(const Names& names, const Ref& tools, PyObject* tool, PyObject* action) {
+    const auto spec = tools.method(names[Name::get], tool);
     if (spec.is_none() || action == Py_None) {
         return !spec.is_none();
     }
-    return !owned(PyObject_CallMethodOneArg(spec.get(), names[Name::action], action)).is_none();
+    return !spec.method(names[Name::action], action).is_none();
 }
 
 void log_history_error(const ModuleState& module, const char* message) {
@@ -86,10 +96,8 @@ void log_history_error(const ModuleState& module, const char* message) {
         throw PythonError();
     }
     const auto error = take_error();
-    const auto logger = owned(PyObject_GetAttr(module.module, module.names[Name::logger]));
-    const auto format = owned(PyUnicode_FromString(message));
-    owned(PyObject_CallMethodObjArgs(logger.get(), module.names[Name::warning], format.get(),
-                                     error.get(), nullptr));
+    const auto logger = shared(module.module).attribute(module.names[Name::logger]);
+    logger.method(module.names[Name::warning], to_python(std::string_view(message)), error);
 }
 
 }  // namespace health

@@ -3,17 +3,29 @@
 
 #include <exception>
 
-#include "module/module_state.hpp"
+#include "module/module.hpp"
 #include "module/python.hpp"
 
 namespace health {
 
-// The daemon's object called `name`: the one set on the module itself, else that of the daemon's
-// module `home`, relative to the daemon's package. An ImportError names one that is not found.
-Ref collaborator(const ModuleState& module, const char* home, const char* name);
+// An object of the daemon's, in a module of the daemon's.
+struct Collaborator {
+    Name name;
+    const char* home;  // relative to the daemon's package
+};
+
+inline constexpr Collaborator kToolsConfig{Name::ToolsConfig, "config"};
+inline constexpr Collaborator kTools{Name::TOOLS, "tool_registry"};
+inline constexpr Collaborator kIsSlowCall{Name::is_slow_call, "tool_schemas"};
+inline constexpr Collaborator kGetTimingCollector{Name::get_timing_collector, "utils.timing"};
+inline constexpr Collaborator kThreadCensus{Name::thread_census, "utils.process"};
+
+// The one set on the module itself, else the daemon's own. An ImportError names one that is not
+// found.
+Ref find(const ModuleState& module, const Collaborator& collaborator);
 
 // Whether the registry `tools` has a tool and, unless `action` is none, that action of it.
-bool registry_knows(const Names& names, PyObject* tools, PyObject* tool, PyObject* action);
+bool registry_knows(const Names& names, const Ref& tools, PyObject* tool, PyObject* action);
 
 // Logs the interpreter's error as the argument of `message`, a warning, and clears it; passes on
 // what is not an Exception.

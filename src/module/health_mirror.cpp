@@ -1,125 +1,126 @@
-// The tool_health table: read when a tracker is made, written when it is flushed.
-#include <string>
+// The tool_health table.
+#include <optional>
 #include <utility>
 #include <vector>
 
+#include "module/arguments.hpp"
 #include "module/collaborators.hpp"
-#include "module/health_mirror.hpp"
+#include "module/mirror.hpp"
+#include "module/operations.hpp"
 #include "module/tracker.hpp"
 #include "module/values.hpp"
 
 namespace health {
+
+#define COLUMNS "tool_name, call_count, error_count, last_error, disabled_at, updated_at"
+
 namespace {
 
-constexpr const char* kSelect = "SELECT " HEALTH_COLUMNS " FROM tool_health";
-constexpr const char* kDelete = "DELETE FROM tool_health WHERE tool_name = ?";
-constexpr const char* kUpsert = "INSERT INTO tool_health (" HEALTH_COLUMNS
-                                ")\n"
-                                "                    VALUES (?, ?, ?, ?, ?, ?)\n"
-                                "                    ON CONFLICT(tool_name) DO UPDATE SET\n"
-                                "                        call_count = excluded.call_count,\n"
-                                "                        error_count = excluded.error_count,\n"
-                                "                        last_error = excluded.last_error,\n"
-                                "                        disabled_at = excluded.disabled_at,\n"
-                                "                        updated_at = excluded.updated_at";
+constexpr std::string_view kSelect = "SELECT " COLUMNS " FROM tool_health";
+constexpr std::string_view kDelete = "DELETE FROM tool_health WHERE tool_name = ?";
+constexpr std::string_view kUpsert = "INSERT INTO tool_health (" COLUMNS
+                                     ")\n"
+                                     "                    VALUES (?, ?, ?, ?, ?, ?)\n"
+                                     "                    ON CONFLICT(tool_name) DO UPDATE SET\n"
+                                     "                        call_count = excluded.call_count,\n"
+                                     "                        error_count = excluded.error_count,\n"
+                                     "                        last_error = excluded.last_error,\n"
+                                     "                        disabled_at = excluded.disabled_at,\n"
+                                     "                        updated_at = excluded.updated_at";
 
-struct StoredState {
-    Ref name;
-    Text tool;  // a view of the name
-    ToolState state;
-};
+// Timestamps
 
-// The stored rows of known tools, as sequences of values. Deletes those of the others.
-Ref read_rows(const Tracker& tracker) {
+Signature<1> sqlite_time_signature("_sqlite_time", {Name::epoch});
+
+PyDoc_STRVAR(kSqliteTimeDoc, R"(_sqlite_time($module, epoch)
+--
+
+The timestamp text, in UTC, of a time in epoch seconds; None for None.
+
+Raises ValueError for a time outside the years 1 to 9999.)");
+
+Ref sqlite_time(const ModuleState& module, const Call& call) {
+    const auto [epoch] = sqlite_time_signature.bind(module.names, call);
+    if (epoch == Py_None) {
+        return none();
+    }
+    return to_python(format_timestamp(to_number(epoch)));
+}
+
+Signature<1> epoch_signature("_epoch", {Name::text});
+
+PyDoc_STRVAR(kEpochDoc, R"(_epoch($module, text)
+--
+
+The epoch seconds of a timestamp text; None when it is None, empty or cannot be
+read. Raises TypeError for a value that is neither empty nor text.)");
+
+std::optional<double> stored_time(PyObject* value) {
+    if (!truth(value)) {
+        return std::nullopt;
+    }
+    if (!PyUnicode_Check(value)) {
+        raise(PyExc_TypeError, "a stored time must be str, not %.200s", Py_TYPE(value)->tp_name);
+    }
+    return parse_timestamp(Text(value).text);
+}
+
+Ref epoch(const ModuleState& module, const Call& call) {
+    const auto [value] = epoch_signature.bind(module.names, call);
+    return to_python(stored_time(value));
+}
+
+// Reading
+
+PyDoc_STRVAR(kLoadDoc, R"(_load($self)
+--
+
+Read the tool_health table.)");
+
+// The stored rows of known tools, as a list. Deletes those of the others.
+Ref read_rows(Tracker& tracker) {
     const auto& names = tracker.module.names;
     const auto db = database(tracker);
-    const auto select = owned(PyUnicode_FromString(kSelect));
-    const auto stored =
-        owned(PyObject_CallMethodOneArg(db.get(), names[Name::fetchall], select.get()));
-    const auto rows = owned(PySequence_Tuple(stored.get()));
+    const auto stored = db.method(names[Name::fetchall], to_python(kSelect));
     auto known = owned(PyList_New(0));
     const auto removed = owned(PyList_New(0));
     Ref tools;
     Pacer pacer;
-    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(rows.get()); ++i) {
-        PyObject* row = PyTuple_GET_ITEM(rows.get(), i);
-        const auto tool = owned(PySequence_GetItem(row, 0));
-        if (!tools) {
-            tools = collaborator(tracker.module, "tool_registry", "TOOLS");
+    stored.for_each([&](const Ref& row) {
+        const auto tool = row.at(0);
+        if (tools == nullptr) {
+            tools = find(tracker.module, kTools);
         }
-        if (registry_knows(names, tools.get(), tool.get(), Py_None)) {
-            checked(PyList_Append(known.get(), row));
+        if (registry_knows(names, tools, tool, Py_None)) {
+            checked(PyList_Append(known, row));
         } else {
-            checked(PyList_Append(removed.get(), make_tuple(tool).get()));
+            checked(PyList_Append(removed, make_tuple(tool)));
         }
         pacer.step();
-    }
+    });
     if (PyList_GET_SIZE(removed.get()) > 0) {
-        const auto statement = owned(PyUnicode_FromString(kDelete));
-        owned(PyObject_CallMethodObjArgs(db.get(), names[Name::executemany], statement.get(),
-                                         removed.get(), nullptr));
+        db.method(names[Name::executemany], to_python(kDelete), removed);
     }
     return known;
 }
 
 // A stored count: zero for what is empty, otherwise what Python makes an integer of.
-Count stored_count(PyObject* value) {
-    return checked(PyObject_IsTrue(value)) != 0 ? to_count(owned(PyNumber_Long(value)).get()) : 0;
+Count stored_count(const Ref& value) {
+    return truth(value) ? to_count(owned(PyNumber_Long(value))) : 0;
 }
 
-StoredState stored_state(PyObject* row) {
-    const auto values = owned(PySequence_Tuple(row));
-    if (PyTuple_GET_SIZE(values.get()) != 6) {
-        PyErr_Format(PyExc_ValueError, "a row of tool_health has %zd values, not 6",
-                     PyTuple_GET_SIZE(values.get()));
-        throw PythonError();
-    }
-    const auto value = [&](Py_ssize_t column) { return PyTuple_GET_ITEM(values.get(), column); };
-    if (!PyUnicode_Check(value(0))) {
-        PyErr_Format(PyExc_TypeError, "a tool_name must be str, not %.200s",
-                     Py_TYPE(value(0))->tp_name);
-        throw PythonError();
+void seed(ToolStates& states, const Ref& row) {
+    const auto tool = row.at(0);
+    if (!PyUnicode_Check(tool.get())) {
+        raise(PyExc_TypeError, "a tool_name must be str, not %.200s", Py_TYPE(tool.get())->tp_name);
     }
     ToolState state;
-    state.call_count = stored_count(value(1));
-    state.error_count = stored_count(value(2));
-    state.last_error = to_last_error(value(3));
-    state.disabled_at = stored_time(value(4));
-    state.updated_at = stored_time(value(5)).value_or(0.0);
-    return {shared(value(0)), Text(value(0)), std::move(state)};
-}
-
-Ref row_values(const HealthRow& row) {
-    return make_tuple(to_python(row.tool), to_python(row.call_count), to_python(row.error_count),
-                      to_python(row.last_error), to_python(row.disabled_at),
-                      to_python(std::optional(row.updated_at)));
-}
-
-void write_rows(const Tracker& tracker, const std::vector<HealthRow>& rows) {
-    const auto values = owned(PyList_New(0));
-    Pacer pacer;
-    for (const auto& row : rows) {
-        checked(PyList_Append(values.get(), row_values(row).get()));
-        pacer.step();
-    }
-    const auto statement = owned(PyUnicode_FromString(kUpsert));
-    owned(PyObject_CallMethodObjArgs(database(tracker).get(),
-                                     tracker.module.names[Name::executemany], statement.get(),
-                                     values.get(), nullptr));
-}
-
-}  // namespace
-
-std::optional<double> stored_time(PyObject* value) {
-    if (checked(PyObject_IsTrue(value)) == 0) {
-        return std::nullopt;
-    }
-    if (!PyUnicode_Check(value)) {
-        PyErr_Format(PyExc_TypeError, "a stored time must be str, not %.200s",
-                     Py_TYPE(value)->tp_name);
-        throw PythonError();
-    }
-    return parse_timestamp(Text(value).text);
+    state.call_count = stored_count(row.at(1));
+    state.error_count = stored_count(row.at(2));
+    state.last_error = to_last_error(row.at(3));
+    state.disabled_at = stored_time(row.at(4));
+    state.updated_at = stored_time(row.at(5)).value_or(0.0);
+    states.seed(Text(tool), std::move(state));
 }
 
 Ref load_health(Tracker& tracker) {
@@ -130,40 +131,69 @@ Ref load_health(Tracker& tracker) {
     }
     // Converting calls Python, so it comes before the lock is taken. The rows before one that
     // cannot be converted are installed all the same.
-    std::vector<StoredState> states;
-    const auto install = [&] {
-        tracker.lock.run_aside([&] {
-            for (auto& stored : states) {
-                tracker.states.seed(stored.tool, std::move(stored.state));
-            }
-        });
-    };
+    ToolStates states;
+    Ref error;
     try {
         Pacer pacer;
-        for (Py_ssize_t i = 0; i < PyList_GET_SIZE(rows.get()); ++i) {
-            states.push_back(stored_state(PyList_GET_ITEM(rows.get(), i)));
+        rows.for_each([&](const Ref& row) {
+            seed(states, row);
             pacer.step();
-        }
+        });
     } catch (const PythonError&) {
-        install();
-        throw;
+        error = take_error();
     }
-    install();
+    tracker.health.run_aside([&](Health& health) { health.states.seed(std::move(states)); });
+    if (error != nullptr) {
+        restore_error(error);
+        throw PythonError();
+    }
     return none();
 }
 
-Ref flush_health(Tracker& tracker) {
-    const auto rows = tracker.lock.run_aside([&] { return tracker.states.take_changes(); });
-    if (rows.empty()) {
-        return to_python(Count{0});
+// Writing
+
+PyDoc_STRVAR(kFlushDoc, R"(_flush_health($self)
+--
+
+Write the changed rows of tool_health; return how many.)");
+
+Ref row_values(const HealthRow& row) {
+    return make_tuple(to_python(row.tool), to_python(row.call_count), to_python(row.error_count),
+                      to_python(row.last_error), to_python(row.disabled_at),
+                      to_python(row.updated_at));
+}
+
+void write_rows(Tracker& tracker, const std::vector<HealthRow>& rows) {
+    const auto values = owned(PyList_New(0));
+    Pacer pacer;
+    for (const auto& row : rows) {
+        checked(PyList_Append(values, row_values(row)));
+        pacer.step();
     }
-    try {
-        write_rows(tracker, rows);
-    } catch (const std::exception&) {
-        tracker.lock.run([&] { tracker.states.restore_changes(rows); });
-        throw;
+    database(tracker).method(tracker.module.names[Name::executemany], to_python(kUpsert), values);
+}
+
+Ref flush_health(Tracker& tracker) {
+    const auto rows =
+        tracker.health.run_aside([](Health& health) { return health.states.take_changes(); });
+    if (!rows.empty()) {
+        write_or_mark([&] { write_rows(tracker, rows); },
+                      [&] {
+                          tracker.health.run_aside(
+                              [&](Health& health) { health.states.restore_changes(rows); });
+                      });
     }
     return to_python(static_cast<Count>(rows.size()));
 }
+
+}  // namespace
+
+const char* const kHealthColumns = COLUMNS;
+#undef COLUMNS
+
+const PyMethodDef kLoadHealth = method<load_health>("_load", kLoadDoc);
+const PyMethodDef kFlushHealth = method<flush_health>("_flush_health", kFlushDoc);
+const PyMethodDef kEpoch = method<epoch>("_epoch", kEpochDoc);
+const PyMethodDef kSqliteTime = method<sqlite_time>("_sqlite_time", kSqliteTimeDoc);
 
 }  // namespace health

@@ -1,77 +1,120 @@
-// The tracker's lock. Nobody ever blocks on it while holding the interpreter lock: whoever holds
-// it may be waiting for that one.
+// A tracker's memory and the lock that guards it.
+//
+// Every operation arrives with the interpreter lock held, and that alone is enough as long as
+// nobody works on the memory without it. Whoever does, or will, announces it: a count is raised
+// while the interpreter lock is still held and lowered once the work has ended. So a call that
+// holds the interpreter lock and finds the count at zero is alone: work that has ended was made
+// visible by the lowering, and none can begin before the call lets go of the interpreter lock,
+// which it does not while it works. All others take the mutex, which nobody ever waits for while
+// holding the interpreter lock: whoever has it may be waiting for that one.
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <mutex>
 #include <thread>
 
+#include "core/health.hpp"
 #include "module/python.hpp"
 
 namespace health {
 
-class TrackerLock {
+class SharedHealth {
 public:
-    // Runs work that calls no Python, under the lock. The caller holds the interpreter lock; it is
-    // released while another thread has this one, and then during the work too.
+    // Runs work on the memory that calls no Python. Throws what a signal's handler raises while
+    // it has to wait.
     template <class Work>
     auto run(Work&& work) {
-        refuse_holder();
-        if (const std::unique_lock lock(mutex_, std::try_to_lock); lock) {
-            return work();
+        if (announced_.load(std::memory_order_acquire) == 0) {
+            return work(health_);
         }
-        return wait_and_run(work);
+        return run_aside(work);
     }
 
     // The same for longer work: without the interpreter lock in any case.
     template <class Work>
-    auto run_aside(Work&& work) {
+    [[gnu::noinline]] auto run_aside(Work&& work) {
         refuse_holder();
-        return wait_and_run(work);
+        Announcement announcement(announced_);
+        auto& gil = announcement.release_gil();
+        const auto lock = wait(gil);
+        return work(health_);
     }
 
-    // Holds the lock for a scope that calls Python. A call from there into anything that takes the
-    // lock gets a RuntimeError, as waiting would be for ever.
-    class HoldOverPython {
-    public:
-        explicit HoldOverPython(TrackerLock& lock)
-            : lock_(lock), held_(lock.mutex_, std::defer_lock) {
-            lock_.refuse_holder();
-            if (!held_.try_lock()) {
-                const GilRelease others;
-                held_.lock();
-            }
-            lock_.holder_ = std::this_thread::get_id();
+    // Runs work that calls Python. A call from there into this memory gets a RuntimeError, as
+    // waiting would be for ever.
+    template <class Work>
+    auto run_over_python(Work&& work) {
+        refuse_holder();
+        const Announcement announcement(announced_);
+        std::unique_lock lock(mutex_, std::try_to_lock);
+        if (!lock) {
+            GilRelease gil;
+            lock = wait(gil);
         }
-        ~HoldOverPython() { lock_.holder_ = std::thread::id(); }
-        HoldOverPython(const HoldOverPython&) = delete;
-        HoldOverPython& operator=(const HoldOverPython&) = delete;
-
-    private:
-        TrackerLock& lock_;
-        std::unique_lock<std::mutex> held_;
-    };
+        const Holding holding(holder_);
+        return work(health_);
+    }
 
 private:
-    template <class Work>
-    auto wait_and_run(Work&& work) {
-        const GilRelease others;
-        const std::scoped_lock lock(mutex_);
-        return work();
+    using Mutex = std::timed_mutex;
+
+    // Tells for a scope that the memory is worked on with more than the interpreter lock, which it
+    // may let go of meanwhile: that is taken back after the count is lowered.
+    class Announcement {
+    public:
+        explicit Announcement(std::atomic<int>& announced) : announced_(announced) {
+            announced_.fetch_add(1, std::memory_order_relaxed);
+        }
+        ~Announcement() noexcept(false) { announced_.fetch_sub(1, std::memory_order_release); }
+        Announcement(const Announcement&) = delete;
+        Announcement& operator=(const Announcement&) = delete;
+
+        GilRelease& release_gil() {
+            gil_.release();
+            return gil_;
+        }
+
+    private:
+        std::atomic<int>& announced_;
+        GilRelease gil_{nullptr};
+    };
+
+    // Names this thread as the holder for a scope.
+    class Holding {
+    public:
+        explicit Holding(std::atomic<std::thread::id>& holder) : holder_(holder) {
+            holder_ = std::this_thread::get_id();
+        }
+        ~Holding() { holder_ = std::thread::id(); }
+        Holding(const Holding&) = delete;
+        Holding& operator=(const Holding&) = delete;
+
+    private:
+        std::atomic<std::thread::id>& holder_;
+    };
+
+    // Waits as for a lock of Python's: signals are served meanwhile.
+    std::unique_lock<Mutex> wait(GilRelease& gil) {
+        std::unique_lock lock(mutex_, std::defer_lock);
+        while (!lock.try_lock_for(std::chrono::milliseconds(100))) {
+            gil.serve_signals();
+        }
+        return lock;
     }
 
     void refuse_holder() const {
-        const auto holder = holder_.load(std::memory_order_relaxed);
-        if (holder != std::thread::id() && holder == std::this_thread::get_id()) {
-            PyErr_SetString(PyExc_RuntimeError,
-                            "the tracker was called from within its own get_health_summary(): "
-                            "this thread holds its lock already");
-            throw PythonError();
+        if (holder_.load(std::memory_order_relaxed) == std::this_thread::get_id()) {
+            raise(PyExc_RuntimeError,
+                  "the tracker was called from within its own get_health_summary(): this thread "
+                  "holds its lock already");
         }
     }
 
-    std::mutex mutex_;
-    std::atomic<std::thread::id> holder_{};  // set only by HoldOverPython
+    Health health_;
+    std::atomic<int> announced_ = 0;
+    Mutex mutex_;
+    std::atomic<std::thread::id> holder_{};
 };
 
 }  // namespace health

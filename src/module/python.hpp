@@ -4,11 +4,15 @@
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
 
-#include <cppy/cppy.h>
+#include <array>
 #include <chrono>
+#include <cstddef>
 #include <exception>
+#include <new>
 #include <thread>
 #include <utility>
+
+#include "core/timestamp.hpp"
 
 namespace health {
 
@@ -26,34 +30,77 @@ inline bool may_touch_references() {
     return running != nullptr && running->thread_id == PyThread_get_thread_ident();
 }
 
-// An owned reference, or null. Left alone by a thread that is being ended: the process is too.
-class Ref : public cppy::ptr {
+// An owned reference, or null. Its operations return what they found, or throw. Left alone by a
+// thread that is being ended: the process is too.
+class Ref {
 public:
     Ref() = default;
-    Ref(PyObject* object, bool incref = false) : ptr(object, incref) {}
-    Ref(const Ref&) = default;
-    Ref(Ref&& other) noexcept : ptr(other.release()) {}
+    explicit Ref(PyObject* owned) noexcept : object_(owned) {}
+    Ref(const Ref& other) noexcept : object_(Py_XNewRef(other.object_)) {}
+    Ref(Ref&& other) noexcept : object_(other.release()) {}
     // What was held goes with the argument, outside of what may not throw.
     Ref& operator=(Ref other) noexcept {
-        std::swap(m_ob, other.m_ob);
+        std::swap(object_, other.object_);
         return *this;
     }
     // What the object runs as it goes may be where the interpreter ends this thread.
     ~Ref() noexcept(false) {
-        PyObject* object = release();
-        if (object != nullptr && may_touch_references()) {
-            Py_DECREF(object);
+        if (object_ != nullptr && may_touch_references()) {
+            Py_DECREF(object_);
         }
     }
+
+    operator PyObject*() const noexcept { return object_; }
+    PyObject* get() const noexcept { return object_; }
+    PyObject* release() noexcept { return std::exchange(object_, nullptr); }
+    bool is_none() const noexcept { return object_ == Py_None; }
+
+    Ref attribute(PyObject* name) const { return made(PyObject_GetAttr(object_, name)); }
+    Ref item(PyObject* key) const { return made(PyObject_GetItem(object_, key)); }
+    Ref at(Py_ssize_t position) const { return made(PySequence_GetItem(object_, position)); }
+
+    // Calls the object.
+    template <class... Arguments>
+    Ref operator()(const Arguments&... arguments) const {
+        // The place before the arguments is the callee's to use.
+        std::array<PyObject*, sizeof...(Arguments) + 1> all{nullptr, arguments...};
+        return made(PyObject_Vectorcall(object_, all.data() + 1,
+                                        sizeof...(Arguments) | PY_VECTORCALL_ARGUMENTS_OFFSET,
+                                        nullptr));
+    }
+
+    // Calls its method of that name.
+    template <class... Arguments>
+    Ref method(PyObject* name, const Arguments&... arguments) const {
+        const std::array<PyObject*, sizeof...(Arguments) + 1> all{object_, arguments...};
+        return made(PyObject_VectorcallMethod(name, all.data(), all.size(), nullptr));
+    }
+
+    // Hands each item that iterating over the object gives to `visit`.
+    template <class Visit>
+    void for_each(Visit&& visit) const {
+        const auto items = made(PyObject_GetIter(object_));
+        while (const Ref item{PyIter_Next(items)}) {
+            visit(item);
+        }
+        if (PyErr_Occurred() != nullptr) {
+            throw PythonError();
+        }
+    }
+
+    // A new reference that a C API call returned, or its error.
+    static Ref made(PyObject* result) {
+        if (result == nullptr) {
+            throw PythonError();
+        }
+        return Ref(result);
+    }
+
+private:
+    PyObject* object_ = nullptr;
 };
 
-// A new reference that a C API call returned, or its error.
-inline Ref owned(PyObject* result) {
-    if (result == nullptr) {
-        throw PythonError();
-    }
-    return {result};
-}
+inline Ref owned(PyObject* result) { return Ref::made(result); }
 
 // The outcome of a C API call that returns a negative number for an error.
 template <class Result>
@@ -64,12 +111,55 @@ Result checked(Result result) {
     return result;
 }
 
-inline Ref shared(PyObject* object) { return {object, true}; }
+inline Ref shared(PyObject* object) { return Ref(Py_NewRef(object)); }
 
 inline Ref none() { return shared(Py_None); }
 
+inline bool truth(PyObject* object) { return checked(PyObject_IsTrue(object)) != 0; }
+
+inline Ref import(const char* name) { return owned(PyImport_ImportModule(name)); }
+
+// Errors
+
+template <class... Values>
+[[noreturn]] void raise(PyObject* type, const char* format, Values... values) {
+    PyErr_Format(type, format, values...);
+    throw PythonError();
+}
+
+// The error being raised, taken over with its traceback in place.
+inline Ref take_error() {
+    PyObject* type = nullptr;
+    PyObject* value = nullptr;
+    PyObject* traceback = nullptr;
+    PyErr_Fetch(&type, &value, &traceback);
+    PyErr_NormalizeException(&type, &value, &traceback);
+    if (traceback != nullptr) {
+        PyException_SetTraceback(value, traceback);
+    }
+    Py_XDECREF(type);
+    Py_XDECREF(traceback);
+    return Ref(value);
+}
+
+inline void restore_error(const Ref& error) {
+    PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(error.get())), error);
+}
+
 // Sets the interpreter's error from the C++ exception being handled.
-void set_error_from_exception();
+inline void set_error_from_exception() {
+    try {
+        throw;
+    } catch (const PythonError&) {
+        // It is set already.
+    } catch (const UnwritableTime& error) {
+        PyErr_SetString(PyExc_ValueError, error.what());
+    } catch (const std::bad_alloc&) {
+        PyErr_NoMemory();
+    } catch (const std::exception& error) {
+        PyErr_SetString(PyExc_RuntimeError, error.what());
+    }
+}
 
 // Runs a body that returns a Ref where the interpreter expects a new reference or an error.
 // Nothing but std::exception is caught: a thread that the interpreter ends while it shuts down is
@@ -84,17 +174,35 @@ PyObject* guarded(Body&& body) {
     }
 }
 
-// Releases the interpreter lock for a scope.
+// The interpreter lock
+
+// Releases it for a scope.
 class GilRelease {
 public:
-    GilRelease() : thread_(PyEval_SaveThread()) {}
-    // The interpreter may end this thread here, by unwinding it.
-    ~GilRelease() noexcept(false) { PyEval_RestoreThread(thread_); }
+    GilRelease() { release(); }
+    explicit GilRelease(std::nullptr_t /*not yet*/) {}
+    ~GilRelease() noexcept(false) { take_back(); }
     GilRelease(const GilRelease&) = delete;
     GilRelease& operator=(const GilRelease&) = delete;
 
+    void release() { thread_ = PyEval_SaveThread(); }
+
+    // Runs the handlers of the signals that have arrived, and throws what one of them raises.
+    void serve_signals() {
+        take_back();
+        checked(PyErr_CheckSignals());
+        release();
+    }
+
 private:
-    PyThreadState* thread_;
+    // The interpreter may end this thread here, by unwinding it.
+    void take_back() {
+        if (auto* thread = std::exchange(thread_, nullptr)) {
+            PyEval_RestoreThread(thread);
+        }
+    }
+
+    PyThreadState* thread_ = nullptr;
 };
 
 // Lets the other threads in, now and then, during a long loop over Python objects. A thread that

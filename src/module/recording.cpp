@@ -1,187 +1,197 @@
-// The operations of every tool call. None of them touches the database, and one that finds the
-// tool known allocates nothing but its answer and an error's text that is new.
-#include <cmath>
+// The operations of every tool call.
+#include <cstdint>
 #include <ctime>
-#include <limits>
 #include <optional>
 
+#include "module/operations.hpp"
 #include "module/tracker.hpp"
 #include "module/values.hpp"
 
 namespace health {
 namespace {
 
-constexpr Signature<5> kRecordCall{
-    .function = "ToolHealthTracker.record_call",
-    .parameters = {Name::tool_name, Name::action, Name::outcome, Name::alias_hit,
-                   Name::duration_ms},
-    .positional = 3,
-};
-constexpr Signature<1> kRecordSuccess{"ToolHealthTracker.record_success", {Name::tool_name}};
-constexpr Signature<2> kRecordError{"ToolHealthTracker.record_error",
-                                    {Name::tool_name, Name::error}};
-constexpr Signature<1> kIsDisabled{"ToolHealthTracker.is_disabled", {Name::tool_name}};
+// How much of an error's text is kept, in code points.
+constexpr Py_ssize_t kLastErrorLength = 500;
 
-// Epoch seconds, without the division that std::chrono's count of nanoseconds would need.
+// Epoch seconds: the very double that the interpreter makes of this instant.
 double wall_clock() {
+    constexpr std::int64_t kNanoseconds = 1'000'000'000;
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
+    return now.tv_nsec == 0
+               ? static_cast<double>(now.tv_sec)
+               : static_cast<double>(now.tv_sec * kNanoseconds + now.tv_nsec) / kNanoseconds;
 }
 
 template <std::size_t Size>
-Text text_argument(const Tracker& tracker, const Signature<Size>& signature, Name parameter,
-                   PyObject* argument) {
+PyObject* text_argument(const Signature<Size>& signature, Name parameter, PyObject* argument) {
     if (!PyUnicode_Check(argument)) {
-        raise_wrong_type(signature.function, tracker.module.names[parameter], "str", argument);
+        signature.raise_wrong_type(parameter, "str", argument);
     }
-    return Text(argument);
+    return argument;
 }
 
-std::optional<double> duration_argument(const Tracker& tracker, PyObject* argument) {
+// Calls
+
+Signature<5> record_call_signature("record_call",
+                                   {Name::tool_name, Name::action, Name::outcome, Name::alias_hit,
+                                    Name::duration_ms},
+                                   3);
+
+PyDoc_STRVAR(kRecordCallDoc,
+             R"(record_call($self, tool_name, action, outcome, *, alias_hit, duration_ms)
+--
+
+Count a call under its tool, action, outcome and use of a synonym.
+
+Arguments:
+    tool_name: the tool's name, str.
+    action: the action that ran, str, or None for a tool without actions.
+    outcome: how the call ended, str.
+    alias_hit: whether the call named a parameter or an action by a synonym.
+    duration_ms: how long the handler ran, in milliseconds, or None when it
+        did not run or did not answer.
+
+Raises TypeError for a missing or wrong argument and then counts nothing.)");
+
+std::optional<double> duration_argument(PyObject* argument) {
     if (argument == Py_None) {
         return std::nullopt;
     }
-    return number_argument(kRecordCall.function, tracker.module.names[Name::duration_ms], argument);
-}
-
-bool truth_argument(const Tracker& tracker, PyObject* argument) {
-    if (!PyBool_Check(argument)) {
-        raise_wrong_type(kRecordCall.function, tracker.module.names[Name::alias_hit], "bool",
-                         argument);
+    if (!PyNumber_Check(argument)) {
+        record_call_signature.raise_wrong_type(Name::duration_ms, "a number or None", argument);
     }
-    return argument == Py_True;
+    return to_double(argument);
 }
 
-// The text of an error, or of so much of a long one as is kept.
-Ref error_argument(const Tracker& tracker, PyObject* argument) {
+Ref record_call(Tracker& tracker, const Call& call) {
+    auto& signature = record_call_signature;
+    const auto [tool, action, outcome, alias_hit, duration] =
+        signature.bind(tracker.module.names, call);
+    text_argument(signature, Name::tool_name, tool);
+    if (action != Py_None && !PyUnicode_Check(action)) {
+        signature.raise_wrong_type(Name::action, "str or None", action);
+    }
+    text_argument(signature, Name::outcome, outcome);
+    if (!PyBool_Check(alias_hit)) {
+        signature.raise_wrong_type(Name::alias_hit, "bool", alias_hit);
+    }
+    const auto duration_ms = duration_argument(duration);
+    const CallKey key(tool, action, outcome, alias_hit == Py_True);
+    tracker.health.run([&](Health& health) { health.usage.record_call(key.view(), duration_ms); });
+    return none();
+}
+
+// Successes
+
+Signature<1> record_success_signature("record_success", {Name::tool_name});
+
+PyDoc_STRVAR(kRecordSuccessDoc, R"(record_success($self, tool_name)
+--
+
+Record a successful call: ends the tool's run of errors and enables it.)");
+
+Ref record_success(Tracker& tracker, const Call& call) {
+    auto& signature = record_success_signature;
+    const auto [tool_name] = signature.bind(tracker.module.names, call);
+    const Text tool(text_argument(signature, Name::tool_name, tool_name));
+    tracker.health.run([&](Health& health) { health.states.record_success(tool, wall_clock()); });
+    return none();
+}
+
+// Errors
+
+Signature<2> record_error_signature("record_error", {Name::tool_name, Name::error});
+
+PyDoc_STRVAR(kRecordErrorDoc, R"(record_error($self, tool_name, error)
+--
+
+Record a failed call. The first 500 characters of the text `error` are kept
+(None counts as empty). The error that completes a run of
+limits.disable_after_errors disables the tool, and so does each one after it:
+the cooldown counts from the latest.)");
+
+// As much of an error's text as is kept. No more is encoded, however long it is.
+Ref error_argument(PyObject* argument) {
     if (argument == Py_None) {
-        return owned(PyUnicode_New(0, 0));
+        return to_python(std::string_view());
     }
     if (!PyUnicode_Check(argument)) {
-        raise_wrong_type(kRecordError.function, tracker.module.names[Name::error], "str or None",
-                         argument);
+        record_error_signature.raise_wrong_type(Name::error, "str or None", argument);
     }
-    constexpr auto kMost = static_cast<Py_ssize_t>(kLastErrorLength);
-    return checked(PyUnicode_GetLength(argument)) > kMost
-               ? owned(PyUnicode_Substring(argument, 0, kMost))
+    return PyUnicode_GET_LENGTH(argument) > kLastErrorLength
+               ? owned(PyUnicode_Substring(argument, 0, kLastErrorLength))
                : shared(argument);
 }
 
-// The least count that is not below a number; one that no run reaches for infinity.
-Count least_count(double number) {
-    constexpr double kLimit = 0x1p63;
-    if (!(number < kLimit)) {
-        return std::numeric_limits<Count>::max();
+Ref record_error(Tracker& tracker, const Call& call) {
+    auto& signature = record_error_signature;
+    const auto& names = tracker.module.names;
+    const auto [tool_name, error] = signature.bind(names, call);
+    const Text tool(text_argument(signature, Name::tool_name, tool_name));
+    const auto kept = error_argument(error);
+    const Text text(kept);
+    const auto count = [&](std::optional<double> disable_after) {
+        tracker.health.run([&](Health& health) {
+            health.states.record_error(tool, text.text, wall_clock(), disable_after);
+        });
+    };
+    double disable_after = 0.0;
+    try {
+        disable_after = to_number(settings(tracker).attribute(names[Name::disable_after_errors]));
+    } catch (const PythonError&) {
+        // The call failed whatever the settings are.
+        const auto unreadable = take_error();
+        count(std::nullopt);
+        restore_error(unreadable);
+        throw;
     }
-    return number > -kLimit ? static_cast<Count>(std::ceil(number))
-                            : std::numeric_limits<Count>::min();
+    count(disable_after);
+    return none();
 }
 
-// How many errors in a row disable a tool.
-Count disable_after(const Tracker& tracker) {
-    const auto setting =
-        owned(settings(tracker).getattr(tracker.module.names[Name::disable_after_errors]));
-    if (setting.is_float()) {
-        return least_count(PyFloat_AS_DOUBLE(setting.get()));
-    }
-    const auto integer = owned(PyNumber_Index(setting.get()));
-    int overflow = 0;
-    const Count errors = PyLong_AsLongLongAndOverflow(integer.get(), &overflow);
-    if (overflow != 0) {
-        return overflow > 0 ? std::numeric_limits<Count>::max() : std::numeric_limits<Count>::min();
-    }
-    if (errors == -1 && PyErr_Occurred() != nullptr) {
-        throw PythonError();
-    }
-    return errors;
-}
+// Disabled tools
 
-bool cooldown_has_passed(const Tracker& tracker, double elapsed) {
-    const auto cooldown =
-        owned(PyObject_GetAttr(tracker.self, tracker.module.names[Name::cooldown_s]));
-    if (PyFloat_CheckExact(cooldown.get())) {
-        return elapsed >= PyFloat_AS_DOUBLE(cooldown.get());
-    }
-    const auto seconds = owned(PyFloat_FromDouble(elapsed));
-    return checked(PyObject_RichCompareBool(seconds.get(), cooldown.get(), Py_GE)) != 0;
-}
+Signature<1> is_disabled_signature("is_disabled", {Name::tool_name});
+
+PyDoc_STRVAR(kIsDisabledDoc, R"(is_disabled($self, tool_name)
+--
+
+Whether the tool is disabled, as a pair: (False, None), or (True, last error).
+
+A disabled tool whose cooldown has passed is enabled by this call. A tool never
+seen is not disabled.)");
 
 // An agent tends to ask for the same disabled tool again, and then gets the same answer object.
 Ref disabled_answer(DisabledAnswer& latest, const LastError& error) {
-    if (!latest.answer || latest.error != error) {
+    if (latest.answer == nullptr || latest.error != error) {
         latest = {error, make_tuple(to_python(true), to_python(error))};
     }
     return latest.answer;
 }
 
+Ref is_disabled(Tracker& tracker, const Call& call) {
+    auto& signature = is_disabled_signature;
+    const auto& names = tracker.module.names;
+    const auto [tool_name] = signature.bind(names, call);
+    const Text tool(text_argument(signature, Name::tool_name, tool_name));
+    if (!tracker.health.run([&](Health& health) { return health.states.is_disabled(tool); })) {
+        return tracker.module.enabled;
+    }
+    // The settings are Python's, so they are read outside the lock.
+    const double cooldown_s =
+        to_number(owned(PyObject_GetAttr(tracker.self, names[Name::cooldown_s])));
+    const auto last_error = tracker.health.run(
+        [&](Health& health) { return health.states.check(tool, wall_clock(), cooldown_s); });
+    return last_error ? disabled_answer(tracker.latest_answer, *last_error)
+                      : tracker.module.enabled;
+}
+
 }  // namespace
 
-Ref record_call(Tracker& tracker, const Call& call) {
-    const auto [tool_name, action_name, outcome_value, alias_hit, duration] =
-        bind(kRecordCall, tracker.module.names, call);
-    const auto tool = text_argument(tracker, kRecordCall, Name::tool_name, tool_name);
-    std::optional<Text> action;
-    if (action_name != Py_None) {
-        if (!PyUnicode_Check(action_name)) {
-            raise_wrong_type(kRecordCall.function, tracker.module.names[Name::action],
-                             "str or None", action_name);
-        }
-        action.emplace(action_name);
-    }
-    const auto outcome = text_argument(tracker, kRecordCall, Name::outcome, outcome_value);
-    const UsageKey key{&tool, action ? &*action : nullptr, &outcome,
-                       truth_argument(tracker, alias_hit)};
-    const auto duration_ms = duration_argument(tracker, duration);
-    tracker.lock.run([&] { tracker.usage.record_call(key, duration_ms); });
-    return none();
-}
-
-Ref record_success(Tracker& tracker, const Call& call) {
-    const auto [tool_name] = bind(kRecordSuccess, tracker.module.names, call);
-    const auto tool = text_argument(tracker, kRecordSuccess, Name::tool_name, tool_name);
-    tracker.lock.run([&] { tracker.states.record_success(tool, wall_clock()); });
-    return none();
-}
-
-Ref record_error(Tracker& tracker, const Call& call) {
-    const auto [tool_name, error] = bind(kRecordError, tracker.module.names, call);
-    const auto tool = text_argument(tracker, kRecordError, Name::tool_name, tool_name);
-    const auto kept = error_argument(tracker, error);
-    const Text text(kept.get());
-    const auto count = [&](std::optional<Count> limit) {
-        tracker.lock.run(
-            [&] { tracker.states.record_error(tool, text.text, wall_clock(), limit); });
-    };
-    Count limit = 0;
-    try {
-        limit = disable_after(tracker);
-    } catch (const PythonError&) {
-        // The call failed whatever the settings are.
-        count(std::nullopt);
-        throw;
-    }
-    count(limit);
-    return none();
-}
-
-Ref is_disabled(Tracker& tracker, const Call& call) {
-    const auto [tool_name] = bind(kIsDisabled, tracker.module.names, call);
-    const auto tool = text_argument(tracker, kIsDisabled, Name::tool_name, tool_name);
-    for (;;) {
-        const auto disabled = tracker.lock.run([&] { return tracker.states.disablement(tool); });
-        if (!disabled) {
-            return tracker.module.enabled;
-        }
-        // The settings are Python's, so they are read without the lock.
-        const double now = wall_clock();
-        if (!cooldown_has_passed(tracker, now - disabled->since)) {
-            return disabled_answer(tracker.latest_answer, disabled->last_error);
-        }
-        if (tracker.lock.run([&] { return tracker.states.reenable(tool, disabled->since, now); })) {
-            return tracker.module.enabled;
-        }
-    }
-}
+const PyMethodDef kRecordCall = method<record_call>("record_call", kRecordCallDoc);
+const PyMethodDef kRecordSuccess = method<record_success>("record_success", kRecordSuccessDoc);
+const PyMethodDef kRecordError = method<record_error>("record_error", kRecordErrorDoc);
+const PyMethodDef kIsDisabled = method<is_disabled>("is_disabled", kIsDisabledDoc);
 
 }  // namespace health

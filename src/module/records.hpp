@@ -1,4 +1,4 @@
-// The record types that show a tracker's memory to Python.
+// The types of the records that show a tracker's memory to Python.
 #pragma once
 
 #include "module/python.hpp"

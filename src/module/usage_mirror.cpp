@@ -1,140 +1,181 @@
-// The usage document: read when a tracker is made, written when it is flushed.
+// The usage document.
 #include <cstring>
+#include <optional>
 #include <span>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
-#include "core/document.hpp"
+#include "core/document_reader.hpp"
+#include "core/document_writer.hpp"
+#include "module/arguments.hpp"
 #include "module/collaborators.hpp"
+#include "module/mirror.hpp"
+#include "module/operations.hpp"
 #include "module/tracker.hpp"
-#include "module/usage_mirror.hpp"
 #include "module/values.hpp"
 
 namespace health {
 namespace {
 
-constexpr const char* kSelect = "SELECT value FROM schema_info WHERE key = ?";
-constexpr const char* kReplace = "INSERT OR REPLACE INTO schema_info (key, value) VALUES (?, ?)";
+constexpr std::string_view kSelect = "SELECT value FROM schema_info WHERE key = ?";
+constexpr std::string_view kReplace =
+    "INSERT OR REPLACE INTO schema_info (key, value) VALUES (?, ?)";
 
-// The counts of a stored document: `keys` maps each usage key, as a tuple, to its place in
-// `counts`. The keys stay Python's, and so does what makes two of them equal.
+// The registry
+
+Signature<2> known_signature("_known", {Name::tool, Name::action});
+
+PyDoc_STRVAR(kKnownDoc, R"(_known($module, tool, action)
+--
+
+Whether the registry has the tool and, unless `action` is None, that action.)");
+
+Ref known(const ModuleState& module, const Call& call) {
+    const auto [tool, action] = known_signature.bind(module.names, call);
+    return to_python(registry_knows(module.names, find(module, kTools), tool, action));
+}
+
+// Reading
+
+PyDoc_STRVAR(kLoadDoc, R"(_load_usage($self)
+--
+
+Read the usage document.)");
+
 struct StoredUsage {
-    Ref keys = owned(PyDict_New());
-    std::vector<Usage> counts;
+    UsageCounts counts;
+    bool is_whole = true;  // whether nothing was left out
 };
 
 // The stored text; null when there is none.
-Ref read_document(const Tracker& tracker) {
-    const auto statement = owned(PyUnicode_FromString(kSelect));
-    const auto parameters = make_tuple(owned(PyUnicode_FromString(kUsageDocumentKey)));
-    const auto row = owned(PyObject_CallMethodObjArgs(database(tracker).get(),
-                                                      tracker.module.names[Name::fetchone],
-                                                      statement.get(), parameters.get(), nullptr));
+Ref read_document(Tracker& tracker) {
+    const auto row =
+        database(tracker).method(tracker.module.names[Name::fetchone], to_python(kSelect),
+                                 make_tuple(to_python(std::string_view(kUsageDocumentKey))));
     if (row.is_none()) {
         return {};
     }
-    auto value = owned(PySequence_GetItem(row.get(), 0));
-    return value.is_str() ? value : Ref();
+    auto value = row.at(0);
+    return PyUnicode_Check(value.get()) ? value : Ref();
 }
 
-Ref parse(const Tracker& tracker, PyObject* document) {
-    const auto json = owned(PyImport_ImportModule("json"));
-    return owned(
-        PyObject_CallMethodOneArg(json.get(), tracker.module.names[Name::loads], document));
+// The counts of a document in the writer's form, read while others may run.
+std::optional<UsageCounts> read_own_form(const Ref& document) {
+    if (!PyUnicode_IS_COMPACT_ASCII(document.get())) {
+        return std::nullopt;
+    }
+    const std::string_view text(static_cast<const char*>(PyUnicode_DATA(document.get())),
+                                static_cast<std::size_t>(PyUnicode_GET_LENGTH(document.get())));
+    const GilRelease others;
+    return read_usage_document(text, python_hash);
 }
 
-class ElementReader {
-public:
-    ElementReader(const Names& names, PyObject* element) : names_(names), element_(element) {}
+Count count_member(const Ref& element, PyObject* name) {
+    return to_count(owned(PyNumber_Long(element.item(name))));
+}
 
-    Ref value(Name member) const { return owned(PyObject_GetItem(element_, names_[member])); }
-    Ref text(Name member) const { return owned(PyObject_Str(value(member).get())); }
-    bool truth(Name member) const { return checked(PyObject_IsTrue(value(member).get())) != 0; }
-    Count count(Name member) const {
-        return to_count(owned(PyNumber_Long(value(member).get())).get());
-    }
-    double number(Name member) const {
-        return PyFloat_AS_DOUBLE(owned(PyNumber_Float(value(member).get())).get());
-    }
-
-private:
-    const Names& names_;
-    PyObject* element_;
-};
-
-void add_element(const Names& names, PyObject* element, StoredUsage& stored) {
-    const ElementReader reader(names, element);
-    const auto tool = reader.text(Name::tool);
-    const auto action = reader.value(Name::action);
-    const auto outcome = reader.text(Name::outcome);
-    const auto key = make_tuple(tool, action, outcome, to_python(reader.truth(Name::alias_hit)));
-    const Count calls = reader.count(Name::calls);
-    const Count timed_calls = reader.count(Name::timed_calls);
-    const Usage usage{calls, timed_calls, reader.number(Name::total_ms)};
-
-    const auto next = owned(PyLong_FromSize_t(stored.counts.size()));
-    PyObject* place = PyDict_SetDefault(stored.keys.get(), key.get(), next.get());
-    if (place == nullptr) {
+void add_element(const Names& names, const Ref& element, StoredUsage& stored) {
+    const auto tool = owned(PyObject_Str(element.item(names[Name::tool])));
+    const auto action = element.item(names[Name::action]);
+    const auto outcome = owned(PyObject_Str(element.item(names[Name::outcome])));
+    const bool alias_hit = truth(element.item(names[Name::alias_hit]));
+    const Count calls = count_member(element, names[Name::calls]);
+    const Count timed_calls = count_member(element, names[Name::timed_calls]);
+    const auto total = owned(PyNumber_Float(element.item(names[Name::total_ms])));
+    if (PyObject_Hash(action) == -1) {  // an array or an object is no action
         throw PythonError();
     }
-    if (place == next.get()) {
-        stored.counts.push_back(usage);
-    } else {
-        stored.counts[PyLong_AsSize_t(place)] = usage;
-    }
-}
-
-void read_usage(const Tracker& tracker, StoredUsage& stored) {
-    const auto document = read_document(tracker);
-    if (!document) {
+    // Only text names an action, whatever a registry would answer.
+    if (!action.is_none() && !PyUnicode_Check(action.get())) {
+        stored.is_whole = false;
         return;
     }
-    const auto elements = owned(PyObject_GetIter(parse(tracker, document.get()).get()));
-    Pacer pacer;
-    while (const Ref element = elements.next()) {
-        add_element(tracker.module.names, element.get(), stored);
-        pacer.step();
-    }
-    if (PyErr_Occurred() != nullptr) {
-        throw PythonError();
-    }
+    const CallKey key(tool, action, outcome, alias_hit);
+    stored.counts.seed(key.view(), {calls, timed_calls, PyFloat_AS_DOUBLE(total.get())});
 }
 
-// An entry to install; the texts are those of its key, which the stored usage holds.
-struct Survivor {
-    Text tool;
-    std::optional<Text> action;
-    Text outcome;
-    bool alias_hit;
-    Usage usage;
-};
-
-std::vector<Survivor> prune(const Tracker& tracker, const StoredUsage& stored) {
-    std::vector<Survivor> survivors;
-    Ref tools;
-    PyObject* key = nullptr;
-    PyObject* place = nullptr;
-    Py_ssize_t position = 0;
+// The same for any other document, with the interpreter's JSON reader.
+StoredUsage read_any_form(const Names& names, const Ref& document) {
+    StoredUsage stored;
     Pacer pacer;
-    while (PyDict_Next(stored.keys.get(), &position, &key, &place) != 0) {
-        if (!tools) {
-            tools = collaborator(tracker.module, "tool_registry", "TOOLS");
+    import("json").method(names[Name::loads], document).for_each([&](const Ref& element) {
+        add_element(names, element, stored);
+    pacer.step();
+});
+return stored;
+}  // namespace
+
+StoredUsage read_usage(Tracker& tracker) {
+    const auto document = read_document(tracker);
+    if (document == nullptr) {
+        return {};
+    }
+    if (auto counts = read_own_form(document)) {
+        return {std::move(*counts)};
+    }
+    return read_any_form(tracker.module.names, document);
+}
+
+// The counts of what the registry still has.
+StoredUsage prune(Tracker& tracker, StoredUsage stored) {
+    const auto& entries = stored.counts.entries();
+    if (entries.empty()) {
+        return stored;
+    }
+    const auto tools = find(tracker.module, kTools);
+    std::unordered_map<const HashedText*, Ref> texts;  // the keys repeat few texts many times
+    const auto text_object = [&](const HashedText* text) -> PyObject* {
+        auto& object = texts[text];
+        if (object == nullptr) {
+            object = to_python(text);
         }
-        PyObject* tool = PyTuple_GET_ITEM(key, 0);
-        PyObject* action = PyTuple_GET_ITEM(key, 1);
-        const bool known = registry_knows(tracker.module.names, tools.get(), tool, action);
-        // Only text names an action, whatever a registry answers.
-        if (known && (action == Py_None || PyUnicode_Check(action))) {
-            survivors.push_back(
-                {Text(tool), action == Py_None ? std::nullopt : std::optional<Text>(action),
-                 Text(PyTuple_GET_ITEM(key, 2)), PyTuple_GET_ITEM(key, 3) == Py_True,
-                 stored.counts[PyLong_AsSize_t(place)]});
+        return object;
+    };
+    std::vector<UsageEntry> kept;
+    Pacer pacer;
+    for (const auto& [key, usage] : entries) {
+        if (registry_knows(tracker.module.names, tools, text_object(key.tool),
+                           text_object(key.action))) {
+            kept.push_back({&key, usage});
         }
         pacer.step();
     }
-    return survivors;
+    if (kept.size() == entries.size()) {
+        return stored;
+    }
+    {
+        const GilRelease others;
+        StoredUsage pruned{.counts = {}, .is_whole = false};
+        for (const auto& [key, usage] : kept) {
+            pruned.counts.seed(*key, usage);
+        }
+        stored = std::move(pruned);
+    }
+    return stored;
 }
+
+Ref load_usage(Tracker& tracker) {
+    StoredUsage stored;
+    if (!read_history(tracker.module, "Could not read the tool usage counts: %s",
+                      [&] { stored = read_usage(tracker); })) {
+        return none();
+    }
+    stored = prune(tracker, std::move(stored));
+    tracker.health.run_aside([&](Health& health) {
+        health.usage.seed(std::move(stored.counts));
+        health.usage.mark_changed(!stored.is_whole);
+    });
+    return none();
+}
+
+// Writing
+
+PyDoc_STRVAR(kFlushDoc, R"(_flush_usage($self)
+--
+
+Write the usage document if a count changed; return its number of rows.)");
 
 // The document as Python text, made without the interpreter lock but for its allocation.
 Ref make_document(std::span<const UsageEntry> entries) {
@@ -152,44 +193,30 @@ Ref make_document(std::span<const UsageEntry> entries) {
     return text;
 }
 
-void write_document(const Tracker& tracker, std::span<const UsageEntry> entries) {
-    const auto statement = owned(PyUnicode_FromString(kReplace));
+void write_document(Tracker& tracker, std::span<const UsageEntry> entries) {
     const auto parameters =
-        make_tuple(owned(PyUnicode_FromString(kUsageDocumentKey)), make_document(entries));
-    owned(PyObject_CallMethodObjArgs(database(tracker).get(), tracker.module.names[Name::execute],
-                                     statement.get(), parameters.get(), nullptr));
-}
-
-}  // namespace
-
-Ref load_usage(Tracker& tracker) {
-    StoredUsage stored;
-    if (!read_history(tracker.module, "Could not read the tool usage counts: %s",
-                      [&] { read_usage(tracker, stored); })) {
-        return none();
-    }
-    const auto survivors = prune(tracker, stored);
-    tracker.lock.run_aside([&] {
-        for (const auto& [tool, action, outcome, alias_hit, usage] : survivors) {
-            tracker.usage.seed({&tool, action ? &*action : nullptr, &outcome, alias_hit}, usage);
-        }
-        tracker.usage.mark_changed(survivors.size() < stored.counts.size());
-    });
-    return none();
+        make_tuple(to_python(std::string_view(kUsageDocumentKey)), make_document(entries));
+    database(tracker).method(tracker.module.names[Name::execute], to_python(kReplace), parameters);
 }
 
 Ref flush_usage(Tracker& tracker) {
-    const auto entries = tracker.lock.run_aside([&] { return tracker.usage.take_changes(); });
+    const auto entries =
+        tracker.health.run_aside([](Health& health) { return health.usage.take_changes(); });
     if (!entries) {
         return to_python(Count{0});
     }
-    try {
-        write_document(tracker, *entries);
-    } catch (const std::exception&) {
-        tracker.lock.run([&] { tracker.usage.mark_changed(true); });
-        throw;
-    }
+    write_or_mark(
+        [&] { write_document(tracker, *entries); },
+        [&] { tracker.health.run([](Health& health) { health.usage.mark_changed(true); }); });
     return to_python(static_cast<Count>(entries->size()));
 }
+
+}  // namespace health
+
+const char* const kUsageDocumentKey = "tool_usage";
+
+const PyMethodDef kLoadUsage = method<load_usage>("_load_usage", kLoadDoc);
+const PyMethodDef kFlushUsage = method<flush_usage>("_flush_usage", kFlushDoc);
+const PyMethodDef kKnown = method<known>("_known", kKnownDoc);
 
 }  // namespace health

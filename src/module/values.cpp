@@ -1,6 +1,9 @@
 #include "module/values.hpp"
 
+#include <algorithm>
+#include <limits>
 #include <memory>
+#include <string>
 #include <utility>
 #include <variant>
 
@@ -10,7 +13,7 @@ namespace {
 struct ErrorToPython {
     Ref operator()(const std::string& text) const { return to_python(std::string_view(text)); }
     Ref operator()(Count integer) const { return to_python(integer); }
-    Ref operator()(double real) const { return owned(PyFloat_FromDouble(real)); }
+    Ref operator()(double real) const { return to_python(real); }
     Ref operator()(const Blob& blob) const {
         return owned(PyBytes_FromStringAndSize(blob.bytes.data(),
                                                static_cast<Py_ssize_t>(blob.bytes.size())));
@@ -34,6 +37,28 @@ void Text::encode(PyObject* object) {
             static_cast<std::size_t>(PyBytes_GET_SIZE(encoded_.get()))};
 }
 
+// Python hashes the text's code points, each as wide as the widest needs.
+std::size_t python_hash(std::string_view text) {
+    const auto hash = [](const auto& units) {
+        const auto bytes = units.size() * sizeof(units[0]);
+        return static_cast<std::size_t>(
+            _Py_HashBytes(units.data(), static_cast<Py_ssize_t>(bytes)));
+    };
+    if (std::all_of(text.begin(), text.end(), [](char c) { return (c & '\x80') == 0; })) {
+        return hash(text);
+    }
+    std::u32string code_points;
+    for (auto rest = text; !rest.empty();) {
+        code_points += take_code_point(rest);
+    }
+    const auto begin = code_points.begin();
+    const auto end = code_points.end();
+    const char32_t widest = *std::max_element(begin, end);
+    return widest < 0x100     ? hash(std::basic_string<unsigned char>(begin, end))
+           : widest < 0x10000 ? hash(std::u16string(begin, end))
+                              : hash(code_points);
+}
+
 Ref to_python(std::string_view text) {
     return owned(
         PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()), "surrogatepass"));
@@ -43,17 +68,13 @@ Ref to_python(const HashedText& text) { return to_python(text.text); }
 
 Ref to_python(const HashedText* text) { return text == nullptr ? none() : to_python(*text); }
 
-Ref to_python(const std::optional<TimestampText>& text) {
-    return text ? to_python(view(*text)) : none();
-}
+Ref to_python(const TimestampText& text) { return to_python(view(text)); }
 
 Ref to_python(const LastError& error) {
     return error ? std::visit(ErrorToPython(), *error) : none();
 }
 
-Ref to_python(const std::optional<double>& number) {
-    return number ? owned(PyFloat_FromDouble(*number)) : none();
-}
+Ref to_python(double number) { return owned(PyFloat_FromDouble(number)); }
 
 Ref to_python(Count count) { return owned(PyLong_FromLongLong(count)); }
 
@@ -63,6 +84,31 @@ Count to_count(PyObject* integer) {
         throw PythonError();
     }
     return count;
+}
+
+double to_double(PyObject* number) {
+    if (PyFloat_CheckExact(number)) {
+        return PyFloat_AS_DOUBLE(number);
+    }
+    const double value = PyFloat_AsDouble(number);
+    if (value == -1.0 && PyErr_Occurred() != nullptr) {
+        throw PythonError();
+    }
+    return value;
+}
+
+double to_number(PyObject* number) {
+    try {
+        return to_double(number);
+    } catch (const PythonError&) {
+        if (!PyLong_Check(number) || !PyErr_ExceptionMatches(PyExc_OverflowError)) {
+            throw;
+        }
+        PyErr_Clear();
+        int sign = 0;
+        PyLong_AsLongLongAndOverflow(number, &sign);
+        return sign * std::numeric_limits<double>::infinity();
+    }
 }
 
 LastError to_last_error(PyObject* value) {
@@ -83,8 +129,7 @@ LastError to_last_error(PyObject* value) {
         return make(Blob{std::string(PyBytes_AS_STRING(value),
                                      static_cast<std::size_t>(PyBytes_GET_SIZE(value)))});
     }
-    PyErr_Format(PyExc_TypeError, "last_error cannot be %.200s", Py_TYPE(value)->tp_name);
-    throw PythonError();
+    raise(PyExc_TypeError, "last_error cannot be %.200s", Py_TYPE(value)->tp_name);
 }
 
 }  // namespace health

@@ -8,6 +8,7 @@
 #include "core/number.hpp"
 #include "core/timestamp.hpp"
 #include "core/tool_states.hpp"
+#include "core/usage.hpp"
 #include "module/python.hpp"
 
 namespace health {
@@ -16,7 +17,7 @@ namespace health {
 // object keeps. Valid as long as the object.
 class Text : public HashedText {
 public:
-    explicit Text(PyObject* object) : HashedText({}, hash_of(object)) {
+    explicit Text(PyObject* object) : HashedText{{}, hash_of(object)} {
         if (PyUnicode_IS_COMPACT_ASCII(object)) {
             text = {static_cast<const char*>(PyUnicode_DATA(object)),
                     static_cast<std::size_t>(PyUnicode_GET_LENGTH(object))};
@@ -37,19 +38,54 @@ private:
     Ref encoded_;  // only for text that UTF-8 cannot express
 };
 
+// The hash that Python gives a text, found without the interpreter.
+std::size_t python_hash(std::string_view text);
+
+// What a call is counted under; valid as long as its Python objects.
+class CallKey {
+public:
+    // `action` may be none.
+    CallKey(PyObject* tool, PyObject* action, PyObject* outcome, bool alias_hit)
+        : tool_(tool), outcome_(outcome), alias_hit_(alias_hit) {
+        if (action != Py_None) {
+            action_.emplace(action);
+        }
+    }
+
+    UsageKey view() const { return {&tool_, action_ ? &*action_ : nullptr, &outcome_, alias_hit_}; }
+
+private:
+    Text tool_;
+    std::optional<Text> action_;
+    Text outcome_;
+    bool alias_hit_;
+};
+
 Ref to_python(std::string_view text);
 Ref to_python(const HashedText& text);
 Ref to_python(const HashedText* text);  // none for null
-Ref to_python(const std::optional<TimestampText>& text);
+Ref to_python(const TimestampText& text);
 Ref to_python(const LastError& error);
-Ref to_python(const std::optional<double>& number);
+Ref to_python(double number);
 Ref to_python(Count count);
 
 // Of a bool only: anything that merely converts to one, such as a literal's address, is refused.
 Ref to_python(std::same_as<bool> auto truth) { return shared(truth ? Py_True : Py_False); }
 
+template <class Value>
+Ref to_python(const std::optional<Value>& value) {
+    return value ? to_python(*value) : none();
+}
+
 // A Python integer as a count; OverflowError when it does not fit.
 Count to_count(PyObject* integer);
+
+// A Python number as a double. OverflowError for an integer beyond every double, and TypeError for
+// what is no number.
+double to_double(PyObject* number);
+
+// The same, but an integer beyond every double is as good as infinite.
+double to_number(PyObject* number);
 
 // A last error as the database holds it: none, text, integer, real or blob.
 LastError to_last_error(PyObject* value);
@@ -57,7 +93,7 @@ LastError to_last_error(PyObject* value);
 // A tuple of values, which are references of the caller's.
 template <class... Values>
 Ref make_tuple(const Values&... values) {
-    return owned(PyTuple_Pack(sizeof...(values), values.get()...));
+    return owned(PyTuple_Pack(sizeof...(values), static_cast<PyObject*>(values)...));
 }
 
 }  // namespace health

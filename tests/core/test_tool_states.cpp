@@ -1,14 +1,16 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <string>
 #include <vector>
 
 #include "core/tool_states.hpp"
+#include "hashed.hpp"
 
 namespace health {
 namespace {
 
-const ToolState& state(const ToolStates& states, const char* tool) {
+const ToolState& state(const ToolStates& states, const HashedText& tool) {
     return states.entries().at(tool);
 }
 
@@ -20,51 +22,62 @@ std::vector<std::string> taken(ToolStates& states) {
     return tools;
 }
 
-TEST(ToolStates, TheErrorThatCompletesARunDisables) {
-    ToolStates states;
-    states.record_error("t", "first", 1.0, 3);
-    states.record_error("t", "second", 2.0, 3);
-    EXPECT_FALSE(states.disablement("t"));
-    states.record_success("t", 3.0);
-    states.record_error("t", "a", 4.0, 3);
-    states.record_error("t", "b", 5.0, 3);
-    EXPECT_FALSE(states.disablement("t"));
-    states.record_error("t", "", 6.0, 3);
-    EXPECT_EQ(states.disablement("t")->since, 6.0);
-    EXPECT_EQ(*states.disablement("t")->last_error, ErrorValue(""));
-    states.record_error("t", "later", 7.5, 3);
-    EXPECT_EQ(states.disablement("t")->since, 7.5);
-    EXPECT_EQ(state(states, "t").call_count, 7);
-    EXPECT_EQ(state(states, "t").error_count, 6);
-    EXPECT_EQ(state(states, "t").consecutive_errors, 4);
-    states.record_success("t", 8.0);
-    EXPECT_FALSE(states.disablement("t"));
-    EXPECT_EQ(*state(states, "t").last_error, ErrorValue("later"));
+// The last error of a disabled tool, which no cooldown brings back.
+std::optional<LastError> disabled(ToolStates& states, const HashedText& tool) {
+    const auto error = states.check(tool, 1e9, 1e10);
+    EXPECT_EQ(error.has_value(), states.is_disabled(tool));
+    return error;
 }
 
-TEST(ToolStates, ReenablingStartsANewRunOnceOnly) {
+const auto kTool = hashed("t");
+
+TEST(ToolStates, TheErrorThatCompletesARunDisables) {
     ToolStates states;
-    states.record_error("t", "e", 1.0, 2);
-    states.record_error("t", "e", 2.0, 2);
+    states.record_error(kTool, "first", 1.0, 2.5);
+    states.record_error(kTool, "second", 2.0, 2.5);
+    EXPECT_FALSE(disabled(states, kTool));
+    states.record_success(kTool, 3.0);
+    states.record_error(kTool, "a", 4.0, 3);
+    states.record_error(kTool, "b", 5.0, 3);
+    EXPECT_FALSE(disabled(states, kTool));
+    states.record_error(kTool, "", 6.0, 3);
+    EXPECT_EQ(state(states, kTool).disabled_at, 6.0);
+    EXPECT_EQ(**disabled(states, kTool), ErrorValue(""));
+    states.record_error(kTool, "later", 7.5, 3);
+    EXPECT_EQ(state(states, kTool).disabled_at, 7.5);
+    EXPECT_EQ(state(states, kTool).call_count, 7);
+    EXPECT_EQ(state(states, kTool).error_count, 6);
+    EXPECT_EQ(state(states, kTool).consecutive_errors, 4);
+    states.record_success(kTool, 8.0);
+    EXPECT_FALSE(disabled(states, kTool));
+    EXPECT_EQ(*state(states, kTool).last_error, ErrorValue("later"));
+}
+
+TEST(ToolStates, ThePassedCooldownStartsANewRun) {
+    ToolStates states;
+    states.record_error(kTool, "e", 1.0, 2);
+    states.record_error(kTool, "e", 2.0, 2);
     taken(states);
-    EXPECT_FALSE(states.reenable("t", 1.0, 9.0));  // disabled again since
-    EXPECT_FALSE(states.reenable("unknown", 1.0, 9.0));
+    for (const double cooldown : {7.5, 1e300, std::nan("")}) {
+        EXPECT_TRUE(states.check(kTool, 9.0, cooldown));
+    }
+    EXPECT_FALSE(states.check(hashed("unknown"), 9.0, 7.0));
     EXPECT_FALSE(states.has_changes());
-    EXPECT_TRUE(states.reenable("t", 2.0, 9.0));
-    EXPECT_FALSE(states.reenable("t", 2.0, 9.5));
-    EXPECT_EQ(state(states, "t").updated_at, 9.0);
-    EXPECT_EQ(state(states, "t").call_count, 2);
+    EXPECT_FALSE(states.check(kTool, 9.0, 7.0));
+    EXPECT_FALSE(states.is_disabled(kTool));
+    EXPECT_EQ(state(states, kTool).updated_at, 9.0);
+    EXPECT_EQ(state(states, kTool).call_count, 2);
     EXPECT_EQ(taken(states), std::vector<std::string>{"t"});
-    states.record_error("t", "e", 10.0, 2);
-    EXPECT_FALSE(states.disablement("t"));
+    states.record_error(kTool, "e", 10.0, 2);
+    EXPECT_FALSE(states.is_disabled(kTool));
 }
 
 TEST(ToolStates, ChangesAreTakenByNameAndCanBeRestored) {
     ToolStates states;
-    states.seed("saved", {});
+    states.seed(hashed("saved"), {});
     for (const auto* tool : {"b", "\xed\xa0\x80", "a", "\U0001f600", "c"}) {
-        states.record_success(tool, 1.0);
-        states.record_success(tool, 2.0);
+        states.record_success(hashed(tool), 1.0);
+        states.record_success(hashed(tool), 2.0);
     }
     const auto rows = states.take_changes();
     ASSERT_EQ(rows.size(), 5U);
@@ -73,8 +86,8 @@ TEST(ToolStates, ChangesAreTakenByNameAndCanBeRestored) {
               "\xed\xa0\x80");  // by code point: a surrogate before what is above it
     EXPECT_EQ(view(rows[0].updated_at), "1970-01-01 00:00:02");
     EXPECT_FALSE(states.has_changes());
-    states.record_success("d", 3.0);
-    states.record_success("a", 3.0);
+    states.record_success(hashed("d"), 3.0);
+    states.record_success(hashed("a"), 3.0);
     states.restore_changes(rows);
     EXPECT_EQ(taken(states),
               (std::vector<std::string>{"a", "b", "c", "d", "\xed\xa0\x80", "\U0001f600"}));
@@ -82,10 +95,10 @@ TEST(ToolStates, ChangesAreTakenByNameAndCanBeRestored) {
 
 TEST(ToolStates, AnUnwritableTimeLosesTheMarksAndNothingElse) {
     ToolStates states;
-    states.record_success("t", 1e15);
+    states.record_success(kTool, 1e15);
     EXPECT_THROW(states.take_changes(), UnwritableTime);
     EXPECT_FALSE(states.has_changes());
-    states.record_success("t", 1.0);
+    states.record_success(kTool, 1.0);
     EXPECT_EQ(taken(states), std::vector<std::string>{"t"});
 }
 

@@ -1,4 +1,4 @@
-#include "core/document.hpp"
+#include "core/document_writer.hpp"
 
 #include <array>
 #include <charconv>

@@ -1,4 +1,4 @@
-// The usage document: the counts as compact, ASCII-only JSON.
+// Writes the usage document: the counts as compact, ASCII-only JSON.
 #pragma once
 
 #include <span>

@@ -1,0 +1,17 @@
+// Reads the usage document as it is written, without the interpreter.
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string_view>
+
+#include "core/usage.hpp"
+
+namespace health {
+
+// The counts in a document, which must be ASCII, its texts hashed by `hash`. Nothing for one of
+// any other form than the writer's, which the interpreter's JSON reader may still understand.
+std::optional<UsageCounts> read_usage_document(std::string_view document,
+                                               std::size_t (*hash)(std::string_view));
+
+}  // namespace health

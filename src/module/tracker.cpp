@@ -1,0 +1,236 @@
+// The class ToolHealthTracker: the life of its objects, and its tables of methods and properties.
+#include "module/tracker.hpp"
+
+#include <array>
+#include <cstddef>
+#include <memory>
+
+#include "module/collaborators.hpp"
+#include "module/operations.hpp"
+#include "module/values.hpp"
+
+// Needs Python.h before it.
+#include <structmember.h>
+
+namespace health {
+namespace {
+
+struct TrackerHead {
+    PyObject_HEAD PyObject* attributes;  // the instance's __dict__, as for a class of Python's own
+    PyObject* weak_references;
+};
+
+struct TrackerObject : TrackerHead {
+    Tracker tracker;
+};
+
+TrackerObject* as_object(PyObject* self) { return reinterpret_cast<TrackerObject*>(self); }
+
+// Life
+
+PyObject* tracker_new(PyTypeObject* type, PyObject* /*args*/, PyObject* /*kwargs*/) {
+    return guarded([&] {
+        const auto& module = state_of_class(type);
+        auto self = owned(type->tp_alloc(type, 0));
+        try {
+            std::construct_at(&as_object(self)->tracker, self, module);
+        } catch (const std::exception&) {
+            // There is no tracker yet for tracker_dealloc to destroy.
+            PyObject_GC_UnTrack(self);
+            type->tp_free(self.release());
+            Py_DECREF(type);
+            throw;
+        }
+        return self;
+    });
+}
+
+Signature<2> init_signature("ToolHealthTracker", {Name::repository, Name::limits}, 2, 1);
+
+PyDoc_STRVAR(kClassDoc, R"(ToolHealthTracker(repository, limits=None)
+--
+
+The health of a repository's tools: counts every call, disables a tool that
+keeps failing and tries it again after a cooldown.
+
+The state is kept in memory and mirrored into the repository's database. The
+constructor reads the mirror and flush() writes it; both may block. No other
+operation waits for the database, and all may be called from any thread.
+
+Arguments:
+    repository: its attribute `db` is the database connection, with fetchall,
+        fetchone, execute and executemany.
+    limits: the settings, with `disable_after_errors` (a number of calls) and
+        `disable_cooldown_s` (seconds); a default ToolsConfig when None.
+
+A history that cannot be read is logged as a warning and left out. Raises
+IndexError, OverflowError, TypeError or ValueError for a stored row that does
+not convert.)");
+
+int tracker_init(PyObject* self, PyObject* args, PyObject* kwargs) {
+    const Ref done(guarded([&] {
+        auto& tracker = tracker_of(self);
+        const auto [repository, limits] = init_signature.bind(args, kwargs);
+        const bool given = limits != nullptr && limits != Py_None;
+        auto settings = given ? shared(limits) : find(tracker.module, kToolsConfig)();
+        // After what calls Python: once set, neither is replaced while an operation may be using
+        // it.
+        if (tracker.repository != nullptr) {
+            raise(PyExc_RuntimeError, "the tracker is initialized already");
+        }
+        tracker.limits = std::move(settings);
+        tracker.repository = shared(repository);
+        const auto& names = tracker.module.names;
+        shared(self).method(names[Name::_load]);
+        shared(self).method(names[Name::_load_usage]);
+        return none();
+    }));
+    return done != nullptr ? 0 : -1;
+}
+
+int tracker_traverse(PyObject* self, visitproc visit, void* arg) {
+    const auto& tracker = tracker_of(self);
+    for (PyObject* referent :
+         {reinterpret_cast<PyObject*>(Py_TYPE(self)), as_object(self)->attributes,
+          tracker.module_owner.get(), tracker.repository.get(), tracker.limits.get()}) {
+        Py_VISIT(referent);
+    }
+    return 0;
+}
+
+int tracker_clear(PyObject* self) {
+    Py_CLEAR(as_object(self)->attributes);
+    tracker_of(self).repository = Ref();
+    tracker_of(self).limits = Ref();
+    return 0;
+}
+
+void tracker_dealloc(PyObject* self) {
+    PyTypeObject* type = Py_TYPE(self);
+    PyObject_GC_UnTrack(self);
+    Py_TRASHCAN_BEGIN(self, tracker_dealloc);
+    PyObject_ClearWeakRefs(self);
+    tracker_clear(self);
+    std::destroy_at(&tracker_of(self));
+    type->tp_free(self);
+    Py_DECREF(type);
+    Py_TRASHCAN_END
+}
+
+// Operations that are not in a file of their own
+
+PyDoc_STRVAR(kFlushDoc, R"(flush($self)
+--
+
+Write what changed to the database and return the number of rows written: the
+changed tools', and, if any count changed, every row of the usage document.
+
+Blocks on the database. A write that fails raises the database's error; what it
+was to write goes out with the next flush.)");
+
+Ref flush(Tracker& tracker) {
+    const auto& names = tracker.module.names;
+    const auto self = shared(tracker.self);
+    const auto health = self.method(names[Name::_flush_health]);
+    const auto usage = self.method(names[Name::_flush_usage]);
+    return owned(PyNumber_Add(health, usage));
+}
+
+Ref cooldown_s(Tracker& tracker) {
+    return settings(tracker).attribute(tracker.module.names[Name::disable_cooldown_s]);
+}
+
+Ref has_unsaved_changes(Tracker& tracker) {
+    return to_python(tracker.health.run([](const Health& health) { return health.has_changes(); }));
+}
+
+const Ref& member(const Ref& value, const char* name) {
+    if (value == nullptr) {
+        raise(PyExc_AttributeError, "'ToolHealthTracker' object has no attribute '%s'", name);
+    }
+    return value;
+}
+
+Ref repository(Tracker& tracker) { return member(tracker.repository, "_repo"); }
+
+// The tables of the class. The interpreter keeps them.
+
+template <class Function>
+void* slot(Function* function) {
+    return reinterpret_cast<void*>(function);
+}
+
+PyType_Spec& type_spec() {
+    static std::array methods{
+        kRecordCall,
+        kRecordSuccess,
+        kRecordError,
+        kIsDisabled,
+        method<flush>("flush", kFlushDoc),
+        kGetHealthSummary,
+        kLoadHealth,
+        kLoadUsage,
+        kFlushHealth,
+        kFlushUsage,
+        PyMethodDef{},
+    };
+    static std::array properties{
+        property<settings>("limits", "The settings, as given to the constructor."),
+        property<cooldown_s>("cooldown_s", "How many seconds a disabled tool stays disabled."),
+        property<has_unsaved_changes>("has_unsaved_changes",
+                                      "Whether flush() has anything to write."),
+        property<repository>("_repo", "The repository, as given to the constructor."),
+        property<settings>("_limits", "The settings."),
+        kState,
+        kDirty,
+        kUsage,
+        kUsageDirty,
+        PyGetSetDef{"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
+        PyGetSetDef{},
+    };
+    static std::array members{
+        PyMemberDef{"__dictoffset__", T_PYSSIZET, offsetof(TrackerHead, attributes), READONLY,
+                    nullptr},
+        PyMemberDef{"__weaklistoffset__", T_PYSSIZET, offsetof(TrackerHead, weak_references),
+                    READONLY, nullptr},
+        PyMemberDef{},
+    };
+    static std::array slots{
+        PyType_Slot{Py_tp_doc, const_cast<char*>(kClassDoc)},
+        PyType_Slot{Py_tp_new, slot(tracker_new)},
+        PyType_Slot{Py_tp_init, slot(tracker_init)},
+        PyType_Slot{Py_tp_dealloc, slot(tracker_dealloc)},
+        PyType_Slot{Py_tp_traverse, slot(tracker_traverse)},
+        PyType_Slot{Py_tp_clear, slot(tracker_clear)},
+        PyType_Slot{Py_tp_methods, methods.data()},
+        PyType_Slot{Py_tp_getset, properties.data()},
+        PyType_Slot{Py_tp_members, members.data()},
+        PyType_Slot{},
+    };
+    static PyType_Spec spec{
+        "health.ToolHealthTracker",
+        sizeof(TrackerObject),
+        0,
+        Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE | Py_TPFLAGS_HAVE_GC,
+        slots.data(),
+    };
+    return spec;
+}
+
+}  // namespace
+
+Tracker& tracker_of(PyObject* self) { return as_object(self)->tracker; }
+
+Ref settings(Tracker& tracker) { return member(tracker.limits, "_limits"); }
+
+Ref database(Tracker& tracker) {
+    return repository(tracker).attribute(tracker.module.names[Name::db]);
+}
+
+Ref make_tracker_type(PyObject* module, PyObject* module_name) {
+    auto type = owned(PyType_FromModuleAndSpec(module, &type_spec(), nullptr));
+    checked(PyObject_SetAttrString(type, "__module__", module_name));
+    return type;
+}
+
+}  // namespace health
