@@ -20,84 +20,82 @@ struct Call {
 
 // A function's parameters, those taken by name only last.
 template <std::size_t Size>
-class Signature {
-public:
-    // The first `positional` of them may be given by position; all must be given, but for those
-    // after `required` of these.
-    Signature(const char* function, std::array<Name, Size> parameters,
-              std::size_t positional = Size, std::size_t required = Size)
-        : parameters_(parameters),
-          positional_(positional),
-          required_(std::min(required, positional)) {
-        std::transform(parameters.begin(), parameters.end(), keywords_.begin(), text);
-        parser_.keywords = keywords_.data();
-        parser_.fname = function;
-    }
+struct Signature {
+    const char* function;
+    std::array<Name, Size> parameters;
+    std::size_t positional = Size;      // how many may be given by position
+    std::size_t required = positional;  // how many of these have no default; the others never have
+};
 
-    using Arguments = std::array<PyObject*, Size>;
+template <std::size_t Size>
+using Arguments = std::array<PyObject*, Size>;
 
-    // The argument of each parameter; null for one that was left out and has a default. The
-    // references are the call's.
-    Arguments bind(const Names& names, const Call& call) {
-        if (!is_in_order(names, call)) {
-            return bind(call.arguments, call.positional, nullptr, call.keywords);
-        }
-        Arguments bound{};
-        std::copy_n(call.arguments, Size, bound.begin());
-        return bound;
+// Whether a call gives every argument where its parameter stands, as nearly all calls do. Names in
+// a call are nearly always interned.
+template <std::size_t Size>
+bool is_in_order(const Signature<Size>& signature, const Names& names, const Call& call) {
+    const auto named =
+        call.keywords == nullptr ? 0 : static_cast<std::size_t>(PyTuple_GET_SIZE(call.keywords));
+    if (call.positional > signature.positional || call.positional + named != Size) {
+        return false;
     }
-    Arguments bind(PyObject* tuple, PyObject* dict) {
-        return bind(&PyTuple_GET_ITEM(tuple, 0), static_cast<std::size_t>(PyTuple_GET_SIZE(tuple)),
-                    dict, nullptr);
-    }
-
-    // Raises the TypeError of an argument that is not what it must be.
-    [[noreturn]] void raise_wrong_type(Name parameter, const char* expected,
-                                       PyObject* given) const {
-        raise(PyExc_TypeError, "%s() argument '%s' must be %s, not %.200s", parser_.fname,
-              text(parameter), expected, given == Py_None ? "None" : Py_TYPE(given)->tp_name);
-    }
-
-private:
-    // Whether a call gives every argument where its parameter stands, as nearly all calls do.
-    // Names in a call are nearly always interned.
-    bool is_in_order(const Names& names, const Call& call) const {
-        const auto named = call.keywords == nullptr
-                               ? 0
-                               : static_cast<std::size_t>(PyTuple_GET_SIZE(call.keywords));
-        if (call.positional > positional_ || call.positional + named != Size) {
+    for (std::size_t i = 0; i < named; ++i) {
+        if (PyTuple_GET_ITEM(call.keywords, i) !=
+            names[signature.parameters[call.positional + i]]) {
             return false;
         }
-        for (std::size_t i = 0; i < named; ++i) {
-            if (PyTuple_GET_ITEM(call.keywords, i) != names[parameters_[call.positional + i]]) {
-                return false;
-            }
-        }
-        return true;
     }
+    return true;
+}
 
-    Arguments bind(PyObject* const* arguments, std::size_t positional, PyObject* dict,
-                   PyObject* keywords) {
-        Arguments bound{};
-        const auto* found = _PyArg_UnpackKeywords(
-            arguments, static_cast<Py_ssize_t>(positional), dict, keywords, &parser_,
-            static_cast<int>(required_), static_cast<int>(positional_),
-            static_cast<int>(Size - positional_), bound.data());
-        if (found == nullptr) {
-            throw PythonError();
-        }
-        if (found == arguments) {  // all that were given stand in their places
-            std::copy_n(arguments, positional, bound.begin());
-        }
-        return bound;
+// Binds any other call, its named arguments in a dict or, with their names in a tuple, after the
+// others.
+template <const auto& kSignature>
+auto bind_otherwise(PyObject* const* arguments, std::size_t positional, PyObject* dict,
+                    PyObject* keywords) {
+    constexpr auto kSize = kSignature.parameters.size();
+    static constexpr auto kKeywords = [] {
+        std::array<const char*, kSize + 1> texts{};  // a null pointer last
+        std::transform(kSignature.parameters.begin(), kSignature.parameters.end(), texts.begin(),
+                       text);
+        return texts;
+    }();
+    static _PyArg_Parser parser{nullptr, kKeywords.data(), kSignature.function, nullptr, 0, 0, 0,
+                                nullptr, nullptr};
+    Arguments<kSize> bound{};
+    const auto* found = _PyArg_UnpackKeywords(
+        arguments, static_cast<Py_ssize_t>(positional), dict, keywords, &parser,
+        static_cast<int>(kSignature.required), static_cast<int>(kSignature.positional),
+        static_cast<int>(kSize - kSignature.positional), bound.data());
+    if (found == nullptr) {
+        throw PythonError();
     }
+    if (found == arguments) {  // all that were given stand in their places
+        std::copy_n(arguments, positional, bound.begin());
+    }
+    return bound;
+}
 
-    std::array<Name, Size> parameters_;
-    std::size_t positional_;
-    std::size_t required_;
-    std::array<const char*, Size + 1> keywords_{};  // a null pointer last
-    _PyArg_Parser parser_{};
-};
+// The argument of each parameter; null for one that was left out and has a default. The
+// references are the call's.
+template <const auto& kSignature>
+auto bind(const Names& names, const Call& call) {
+    constexpr auto kSize = kSignature.parameters.size();
+    if (!is_in_order(kSignature, names, call)) {
+        return bind_otherwise<kSignature>(call.arguments, call.positional, nullptr, call.keywords);
+    }
+    Arguments<kSize> bound{};
+    std::copy_n(call.arguments, kSize, bound.begin());
+    return bound;
+}
+
+// Raises the TypeError of an argument that is not what it must be.
+template <std::size_t Size>
+[[noreturn]] void raise_wrong_type(const Signature<Size>& signature, Name parameter,
+                                   const char* expected, PyObject* given) {
+    raise(PyExc_TypeError, "%s() argument '%s' must be %s, not %.200s", signature.function,
+          text(parameter), expected, given == Py_None ? "None" : Py_TYPE(given)->tp_name);
+}
 
 // The owner of an operation, behind the Python object that it is called on.
 template <class Owner>

@@ -43,11 +43,11 @@ Ref import_from_home(const ModuleState& module, const Collaborator& collaborator
 
 // The module's __getattr__, which shows the daemon's objects as attributes of the module.
 
-Signature<1> attribute_signature("__getattr__", {Name::name});
+constexpr Signature<1> kAttributeSignature{"__getattr__", {Name::name}};
 
 // What is not found is an AttributeError, as one who asks for an attribute expects.
 Ref module_attribute(const ModuleState& module, const Call& call) {
-    const auto [name] = attribute_signature.bind(module.names, call);
+    const auto [name] = bind<kAttributeSignature>(module.names, call);
     for (const auto& collaborator :
          {kToolsConfig, kTools, kIsSlowCall, kGetTimingCollector, kThreadCensus}) {
         if (name != module.names[collaborator.name]) {

@@ -30,7 +30,7 @@ constexpr std::string_view kUpsert = "INSERT INTO tool_health (" COLUMNS
 
 // Timestamps
 
-Signature<1> sqlite_time_signature("_sqlite_time", {Name::epoch});
+constexpr Signature<1> kSqliteTimeSignature{"_sqlite_time", {Name::epoch}};
 
 PyDoc_STRVAR(kSqliteTimeDoc, R"(_sqlite_time($module, epoch)
 --
@@ -40,14 +40,14 @@ The timestamp text, in UTC, of a time in epoch seconds; None for None.
 Raises ValueError for a time outside the years 1 to 9999.)");
 
 Ref sqlite_time(const ModuleState& module, const Call& call) {
-    const auto [epoch] = sqlite_time_signature.bind(module.names, call);
+    const auto [epoch] = bind<kSqliteTimeSignature>(module.names, call);
     if (epoch == Py_None) {
         return none();
     }
     return to_python(format_timestamp(to_number(epoch)));
 }
 
-Signature<1> epoch_signature("_epoch", {Name::text});
+constexpr Signature<1> kEpochSignature{"_epoch", {Name::text}};
 
 PyDoc_STRVAR(kEpochDoc, R"(_epoch($module, text)
 --
@@ -66,7 +66,7 @@ std::optional<double> stored_time(PyObject* value) {
 }
 
 Ref epoch(const ModuleState& module, const Call& call) {
-    const auto [value] = epoch_signature.bind(module.names, call);
+    const auto [value] = bind<kEpochSignature>(module.names, call);
     return to_python(stored_time(value));
 }
 

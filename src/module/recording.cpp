@@ -26,17 +26,17 @@ double wall_clock() {
 template <std::size_t Size>
 PyObject* text_argument(const Signature<Size>& signature, Name parameter, PyObject* argument) {
     if (!PyUnicode_Check(argument)) {
-        signature.raise_wrong_type(parameter, "str", argument);
+        raise_wrong_type(signature, parameter, "str", argument);
     }
     return argument;
 }
 
 // Calls
 
-Signature<5> record_call_signature("record_call",
-                                   {Name::tool_name, Name::action, Name::outcome, Name::alias_hit,
-                                    Name::duration_ms},
-                                   3);
+constexpr Signature<5> kRecordCallSignature{
+    "record_call",
+    {Name::tool_name, Name::action, Name::outcome, Name::alias_hit, Name::duration_ms},
+    3};
 
 PyDoc_STRVAR(kRecordCallDoc,
              R"(record_call($self, tool_name, action, outcome, *, alias_hit, duration_ms)
@@ -59,22 +59,21 @@ std::optional<double> duration_argument(PyObject* argument) {
         return std::nullopt;
     }
     if (!PyNumber_Check(argument)) {
-        record_call_signature.raise_wrong_type(Name::duration_ms, "a number or None", argument);
+        raise_wrong_type(kRecordCallSignature, Name::duration_ms, "a number or None", argument);
     }
     return to_double(argument);
 }
 
 Ref record_call(Tracker& tracker, const Call& call) {
-    auto& signature = record_call_signature;
     const auto [tool, action, outcome, alias_hit, duration] =
-        signature.bind(tracker.module.names, call);
-    text_argument(signature, Name::tool_name, tool);
+        bind<kRecordCallSignature>(tracker.module.names, call);
+    text_argument(kRecordCallSignature, Name::tool_name, tool);
     if (action != Py_None && !PyUnicode_Check(action)) {
-        signature.raise_wrong_type(Name::action, "str or None", action);
+        raise_wrong_type(kRecordCallSignature, Name::action, "str or None", action);
     }
-    text_argument(signature, Name::outcome, outcome);
+    text_argument(kRecordCallSignature, Name::outcome, outcome);
     if (!PyBool_Check(alias_hit)) {
-        signature.raise_wrong_type(Name::alias_hit, "bool", alias_hit);
+        raise_wrong_type(kRecordCallSignature, Name::alias_hit, "bool", alias_hit);
     }
     const auto duration_ms = duration_argument(duration);
     const CallKey key(tool, action, outcome, alias_hit == Py_True);
@@ -84,7 +83,7 @@ Ref record_call(Tracker& tracker, const Call& call) {
 
 // Successes
 
-Signature<1> record_success_signature("record_success", {Name::tool_name});
+constexpr Signature<1> kRecordSuccessSignature{"record_success", {Name::tool_name}};
 
 PyDoc_STRVAR(kRecordSuccessDoc, R"(record_success($self, tool_name)
 --
@@ -92,16 +91,15 @@ PyDoc_STRVAR(kRecordSuccessDoc, R"(record_success($self, tool_name)
 Record a successful call: ends the tool's run of errors and enables it.)");
 
 Ref record_success(Tracker& tracker, const Call& call) {
-    auto& signature = record_success_signature;
-    const auto [tool_name] = signature.bind(tracker.module.names, call);
-    const Text tool(text_argument(signature, Name::tool_name, tool_name));
+    const auto [tool_name] = bind<kRecordSuccessSignature>(tracker.module.names, call);
+    const Text tool(text_argument(kRecordSuccessSignature, Name::tool_name, tool_name));
     tracker.health.run([&](Health& health) { health.states.record_success(tool, wall_clock()); });
     return none();
 }
 
 // Errors
 
-Signature<2> record_error_signature("record_error", {Name::tool_name, Name::error});
+constexpr Signature<2> kRecordErrorSignature{"record_error", {Name::tool_name, Name::error}};
 
 PyDoc_STRVAR(kRecordErrorDoc, R"(record_error($self, tool_name, error)
 --
@@ -117,7 +115,7 @@ Ref error_argument(PyObject* argument) {
         return to_python(std::string_view());
     }
     if (!PyUnicode_Check(argument)) {
-        record_error_signature.raise_wrong_type(Name::error, "str or None", argument);
+        raise_wrong_type(kRecordErrorSignature, Name::error, "str or None", argument);
     }
     return PyUnicode_GET_LENGTH(argument) > kLastErrorLength
                ? owned(PyUnicode_Substring(argument, 0, kLastErrorLength))
@@ -125,10 +123,9 @@ Ref error_argument(PyObject* argument) {
 }
 
 Ref record_error(Tracker& tracker, const Call& call) {
-    auto& signature = record_error_signature;
     const auto& names = tracker.module.names;
-    const auto [tool_name, error] = signature.bind(names, call);
-    const Text tool(text_argument(signature, Name::tool_name, tool_name));
+    const auto [tool_name, error] = bind<kRecordErrorSignature>(names, call);
+    const Text tool(text_argument(kRecordErrorSignature, Name::tool_name, tool_name));
     const auto kept = error_argument(error);
     const Text text(kept);
     const auto count = [&](std::optional<double> disable_after) {
@@ -152,7 +149,7 @@ Ref record_error(Tracker& tracker, const Call& call) {
 
 // Disabled tools
 
-Signature<1> is_disabled_signature("is_disabled", {Name::tool_name});
+constexpr Signature<1> kIsDisabledSignature{"is_disabled", {Name::tool_name}};
 
 PyDoc_STRVAR(kIsDisabledDoc, R"(is_disabled($self, tool_name)
 --
@@ -171,10 +168,9 @@ Ref disabled_answer(DisabledAnswer& latest, const LastError& error) {
 }
 
 Ref is_disabled(Tracker& tracker, const Call& call) {
-    auto& signature = is_disabled_signature;
     const auto& names = tracker.module.names;
-    const auto [tool_name] = signature.bind(names, call);
-    const Text tool(text_argument(signature, Name::tool_name, tool_name));
+    const auto [tool_name] = bind<kIsDisabledSignature>(names, call);
+    const Text tool(text_argument(kIsDisabledSignature, Name::tool_name, tool_name));
     if (!tracker.health.run([&](Health& health) { return health.states.is_disabled(tool); })) {
         return tracker.module.enabled;
     }

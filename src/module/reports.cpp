@@ -151,7 +151,8 @@ Ref tool_performance_stats(const ModuleState& module) {
 
 // The threads
 
-Signature<2> thread_report_signature("thread_census_report", {Name::budget, Name::census}, 2, 1);
+constexpr Signature<2> kThreadReportSignature{
+    "thread_census_report", {Name::budget, Name::census}, 2, 1};
 
 PyDoc_STRVAR(kThreadCensusReportDoc, R"(thread_census_report($module, budget, census=None)
 --
@@ -179,9 +180,9 @@ Ref warning(PyObject* counted, PyObject* budget) {
 
 Ref thread_census_report(const ModuleState& module, const Call& call) {
     const auto& names = module.names;
-    const auto [budget, given] = thread_report_signature.bind(names, call);
+    const auto [budget, given] = bind<kThreadReportSignature>(names, call);
     if (!PyLong_Check(budget)) {
-        thread_report_signature.raise_wrong_type(Name::budget, "int", budget);
+        raise_wrong_type(kThreadReportSignature, Name::budget, "int", budget);
     }
     const auto census =
         given != nullptr && given != Py_None ? shared(given) : find(module, kThreadCensus)();

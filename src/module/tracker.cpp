@@ -45,7 +45,7 @@ PyObject* tracker_new(PyTypeObject* type, PyObject* /*args*/, PyObject* /*kwargs
     });
 }
 
-Signature<2> init_signature("ToolHealthTracker", {Name::repository, Name::limits}, 2, 1);
+constexpr Signature<2> kInitSignature{"ToolHealthTracker", {Name::repository, Name::limits}, 2, 1};
 
 PyDoc_STRVAR(kClassDoc, R"(ToolHealthTracker(repository, limits=None)
 --
@@ -70,7 +70,9 @@ not convert.)");
 int tracker_init(PyObject* self, PyObject* args, PyObject* kwargs) {
     const Ref done(guarded([&] {
         auto& tracker = tracker_of(self);
-        const auto [repository, limits] = init_signature.bind(args, kwargs);
+        const auto [repository, limits] = bind_otherwise<kInitSignature>(
+            &PyTuple_GET_ITEM(args, 0), static_cast<std::size_t>(PyTuple_GET_SIZE(args)), kwargs,
+            nullptr);
         const bool given = limits != nullptr && limits != Py_None;
         auto settings = given ? shared(limits) : find(tracker.module, kToolsConfig)();
         // After what calls Python: once set, neither is replaced while an operation may be using

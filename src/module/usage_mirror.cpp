@@ -25,7 +25,7 @@ constexpr std::string_view kReplace =
 
 // The registry
 
-Signature<2> known_signature("_known", {Name::tool, Name::action});
+constexpr Signature<2> kKnownSignature{"_known", {Name::tool, Name::action}};
 
 PyDoc_STRVAR(kKnownDoc, R"(_known($module, tool, action)
 --
@@ -33,7 +33,7 @@ PyDoc_STRVAR(kKnownDoc, R"(_known($module, tool, action)
 Whether the registry has the tool and, unless `action` is None, that action.)");
 
 Ref known(const ModuleState& module, const Call& call) {
-    const auto [tool, action] = known_signature.bind(module.names, call);
+    const auto [tool, action] = bind<kKnownSignature>(module.names, call);
     return to_python(registry_knows(module.names, find(module, kTools), tool, action));
 }
 
