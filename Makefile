@@ -4,7 +4,7 @@ MESON := /usr/bin/meson
 VENV := .venv
 SITE_PACKAGES := $(CURDIR)/$(VENV)/lib/python3.11/site-packages
 INSTALL_HERE := -Dpython.platlibdir=$(SITE_PACKAGES) -Dpython.purelibdir=$(SITE_PACKAGES)
-PLAY := $(VENV)/bin/python -m quillet --repository . --config examples/config.toml \
+PLAY := $(VENV)/bin/python -P -m quillet --repository . --config examples/config.toml \
 	--database build/example.db
 CPP = $(shell git ls-files '*.cpp' '*.hpp')
 
@@ -27,12 +27,12 @@ build: build/release
 	$(MESON) install -C build/release --only-changed --quiet
 
 run: build
-	rm -f build/example.db*
-	$(PLAY) examples/first_run.jsonl
-	@echo "--- a second start, on the same database ---"
-	$(PLAY) examples/second_run.jsonl
-	@echo "--- threads that pile up ---"
-	$(PLAY) examples/threads.jsonl
+	@rm -f build/example.db*
+	@$(PLAY) --text examples/first_run.jsonl
+	@echo
+	@$(PLAY) --text examples/second_run.jsonl
+	@echo
+	@$(PLAY) --text examples/threads.jsonl
 
 test: build build/sanitized
 	$(MESON) test -C build/release --print-errorlogs
@@ -66,8 +66,10 @@ packages:
 $(VENV): | packages
 	$(PYTHON) -m venv --system-site-packages --without-pip $@
 
+# The first build takes a while, and shows how far it is.
 build/release: | $(VENV)
 	$(MESON) setup $(INSTALL_HERE) $@
+	ninja -C $@
 
 build/sanitized: | packages
 	$(SETUP_CHECKED) -Db_sanitize=address,undefined $@

@@ -14,15 +14,15 @@ from quillet.call_lines import parse_line
 from quillet.config import ToolsConfig, read_tools_config
 from quillet.daemon.flusher import Flusher
 from quillet.daemon.tool_pipeline import ToolPipeline
-from quillet.rendering import as_json, as_text
+from quillet.rendering import as_heading, as_json, as_text
 from quillet.repository import Repository
 from quillet.tool_handlers.health import ToolHealthTracker
 
 
 def main() -> int:
     """The program; returns its exit status: 1 when a line was no call, 2 when it cannot start."""
-    options = _options()
     sys.stdout.reconfigure(errors="backslashreplace")
+    options = _options()
     with ExitStack() as stack:
         try:
             config = read_tools_config(options.config) if options.config else ToolsConfig()
@@ -35,7 +35,8 @@ def main() -> int:
             print(f"quillet: {error}", file=sys.stderr)
             return 2
         stack.enter_context(Flusher(tracker))
-        return _play(lines, stack.enter_context(ToolPipeline(repository, tracker)))
+        pipeline = stack.enter_context(ToolPipeline(repository, tracker))
+        return _play(lines, pipeline, options.text or sys.stdout.isatty())
 
 
 def _options() -> argparse.Namespace:
@@ -43,12 +44,13 @@ def _options() -> argparse.Namespace:
     parser.add_argument("--repository", type=Path, required=True, help="the folder to serve")
     parser.add_argument("--database", type=Path, help="its database, if not in the folder itself")
     parser.add_argument("--config", type=Path, help="a TOML file with a [tools] table")
+    parser.add_argument("--text", action="store_true", help="text also where no terminal reads it")
     parser.add_argument("calls", type=Path, nargs="?", help="the calls, if not on standard input")
     return parser.parse_args()
 
 
-def _play(lines: Iterable[str], pipeline: ToolPipeline) -> int:
-    show = as_text if sys.stdout.isatty() else as_json
+def _play(lines: Iterable[str], pipeline: ToolPipeline, text_wanted: bool) -> int:
+    show = as_text if text_wanted else as_json
     status = 0
     with asyncio.Runner() as runner:
         for number, text in enumerate(lines, 1):
@@ -64,6 +66,8 @@ def _play(lines: Iterable[str], pipeline: ToolPipeline) -> int:
                 case {"tool": tool, "arguments": arguments}:
                     answer = runner.run(pipeline.call(tool, arguments))
                     print(show(number, tool, answer), flush=True)
+                case None if show is as_text:
+                    print(as_heading(text), flush=True)
     return status
 
 

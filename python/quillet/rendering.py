@@ -1,85 +1,150 @@
 """Shows answers: as JSON lines to a program, as short lines and tables to a person."""
 
 import json
-import shutil
-from collections.abc import Iterator
+import math
+from collections.abc import Iterable
+from datetime import timedelta
 from typing import Any
 
-from quillet.daemon.tool_pipeline import Answer, Outcome
+from rich.console import RenderableType
+from rich.padding import Padding
+from rich.text import Text
 
-MAX_CELL_CHARS = 50
+from quillet.daemon.tool_pipeline import Answer, Outcome
+from quillet.next_try import next_try
+from quillet.screen import on_screen, table, text
+
+INDENT = 5
+STYLES: dict[str, str] = {
+    Outcome.OK: "green",
+    Outcome.ERROR: "red",
+    Outcome.DISABLED: "yellow",
+    Outcome.INVALID: "magenta",
+}
+WARNING = "bold red"
+TOOLS = {
+    "tool": "tool_name",
+    "calls": "call_count",
+    "errors": "error_count",
+    "last error": "last_error",
+}
+USAGE = {
+    "tool": "name",
+    "outcome": "outcome",
+    "synonym": "alias_hit",
+    "calls": "calls",
+    "mean ms": "avg_ms",
+    "slow": "slow",
+}
+TIMES = {
+    "tool": "name",
+    "calls": "count",
+    "errors": "errors",
+    "mean ms": "avg_ms",
+    "p95 ms": "p95_ms",
+    "min ms": "min_ms",
+    "max ms": "max_ms",
+}
 
 
 def as_json(number: int, tool: str, answer: Answer) -> str:
     """The whole answer to the call on a line."""
-    return json.dumps({"line": number, "tool": tool, **vars(answer)})
+    return json_text({"line": number, "tool": tool, **vars(answer)})
 
 
 def as_text(number: int, tool: str, answer: Answer) -> str:
-    """The answer to the call on a line: a text, tables, or as much as fits on the screen's line."""
-    time = "" if answer.duration_ms is None else f"{answer.duration_ms:.1f} ms"
-    name = f"{tool} {answer.action or ''}"
-    head = f"{number:>3}  {answer.outcome:<8}  {name:<26}  {time:>9}  "
-    status = _STATUS.get((tool, answer.action))
-    if status and answer.outcome is Outcome.OK:
-        return "\n     ".join([head, *status(answer.content)])
+    """The answer to the call: a line on how it ended, and below it what there is to say."""
+    time = "" if answer.duration_ms is None else f"  {answer.duration_ms:.1f} ms"
+    outcome = Text(f"{answer.outcome:<10}", STYLES[answer.outcome])
+    head = Text.assemble(f"{number:>3}  ", outcome, text(_name(tool, answer.action)), (time, "dim"))
+    return on_screen([head, *(Padding(part, (0, 0, 0, INDENT)) for part in _parts(tool, answer))])
+
+
+def as_heading(line: str) -> str:
+    """A played line that is no call: a comment stands out, an empty one stays so."""
+    return on_screen([text(line.strip(" #\n"), "bold")])
+
+
+def status_text(status: dict[str, Any]) -> str:
+    """The status of a database's tools, for a person."""
+    damaged = [text(problem, WARNING) for problem in status["damaged"]]
+    count = sum(tool["disabled"] for tool in status["tools"])
+    head = f"{status['database']}: {len(status['tools'])} tools, {count} disabled"
+    return on_screen([text(head, "bold"), *damaged, *_health(status)])
+
+
+def json_text(value: Any) -> str:
+    """The value as JSON: bytes as text, and null for a number that JSON does not have."""
+    return json.dumps(_plain(value))
+
+
+def _plain(value: Any) -> Any:
+    match value:
+        case dict():
+            return {key: _plain(inner) for key, inner in value.items()}
+        case list():
+            return [_plain(inner) for inner in value]
+        case bytes():
+            return value.decode("utf-8", "backslashreplace")
+        case float() if not math.isfinite(value):
+            return None
+    return value
+
+
+def _parts(tool: str, answer: Answer) -> Iterable[RenderableType]:
     if isinstance(answer.content, str):
-        return _printable(head + answer.content)
-    return _cut(head + json.dumps(answer.content), shutil.get_terminal_size().columns)
+        return [text(answer.content)]
+    report = _REPORTS.get((tool, answer.action))
+    if report:
+        return report(answer.content)
+    line = text(json_text(answer.content))
+    line.no_wrap, line.overflow = True, "ellipsis"
+    return [line]
 
 
-def _health(content: dict[str, Any]) -> Iterator[str]:
+def _health(content: dict[str, Any]) -> list[RenderableType]:
     tools = content["tools"]
-    usage = [{"tool_name": tool["tool_name"], **row} for tool in tools for row in tool["usage"]]
-    yield from _table("tool_name call_count error_count disabled updated_at last_error", tools)
-    yield from _table("tool_name action outcome alias_hit calls avg_ms slow", usage)
-    yield f"a disabled tool is tried again after {content['cooldown_s']:g} s"
-    yield from _threads(content["threads"])
+    usage = [
+        {"name": _name(tool["tool_name"], row["action"]), **row}
+        for tool in tools
+        for row in tool["usage"]
+    ]
+    disabled = [_disabled(tool, content["cooldown_s"]) for tool in tools if tool["disabled"]]
+    threads = ["", *_threads(content["threads"])] if "threads" in content else []
+    return [*disabled, *table(TOOLS, tools, {}), *table(USAGE, usage, STYLES), *threads]
 
 
-def _threads(report: dict[str, Any]) -> Iterator[str]:
+def _name(tool: str, action: object) -> str:
+    return tool if action is None else f"{tool} {action}"
+
+
+def _disabled(tool: dict[str, Any], cooldown_s: float) -> Text:
+    moment, seconds = next_try(tool["disabled_at"], cooldown_s)
+    match seconds:
+        case None:
+            again = "never"
+        case 0:
+            again = "at the next call"
+        case _:
+            again = f"at {moment} UTC, in {timedelta(seconds=seconds)}"
+    since = f"{tool['tool_name']} is disabled since {tool['disabled_at']} UTC"
+    return text(f"{since}; tried again {again}", STYLES[Outcome.DISABLED])
+
+
+def _threads(report: dict[str, Any]) -> list[RenderableType]:
     names = ", ".join(f"{name} {count}" for name, count in report["python_by_name"].items())
-    yield f"threads: {report.get('os', 'unknown')}, of them Python's {report['python']} ({names})"
-    yield report.get("warning", f"the pools allow {report['budget']}")
+    count = report.get("os", "unknown")
+    warning = report.get("warning")
+    budget = text(warning, WARNING) if warning else text(f"the pools allow {report['budget']}")
+    return [text(f"threads: {count}, of them Python's {report['python']} ({names})"), budget]
 
 
-def _times(content: dict[str, Any]) -> Iterator[str]:
-    yield from _table("name count avg_ms p95_ms min_ms max_ms errors", content["tools"])
+def _times(content: dict[str, Any]) -> list[RenderableType]:
+    return table(TIMES, content["tools"], {})
 
 
-_STATUS = {
+_REPORTS = {
     ("status", "perf_stats"): _health,
     ("status", "threads"): _threads,
     ("get_tool_performance_stats", None): _times,
 }
-
-
-def _table(keys: str, records: list[dict[str, Any]]) -> Iterator[str]:
-    columns = [_column(key, [record[key] for record in records]) for key in keys.split()]
-    yield from ("  ".join(line).rstrip() for line in zip(*columns))
-    yield ""
-
-
-def _column(key: str, values: list[Any]) -> list[str]:
-    """A heading and its values, all equally wide, numbers to the right."""
-    cells = [key.replace("_", " ").upper(), *map(_cell, values)]
-    width = max(map(len, cells))
-    numeric = any(type(value) in (int, float) for value in values)
-    return [cell.rjust(width) if numeric else cell.ljust(width) for cell in cells]
-
-
-def _cell(value: Any) -> str:
-    if isinstance(value, bool):
-        return "yes" if value else "no"
-    if isinstance(value, float):
-        return f"{value:.2f}"
-    return "-" if value is None else _cut(_printable(str(value)), MAX_CELL_CHARS)
-
-
-def _printable(text: str) -> str:
-    """A text with the characters escaped that would upset a terminal."""
-    return "".join(c if c.isprintable() else repr(c)[1:-1] for c in text)
-
-
-def _cut(text: str, width: int) -> str:
-    return text if len(text) <= width else text[: width - 3] + "..."
