@@ -10,6 +10,7 @@ from collections.abc import Iterable
 from contextlib import ExitStack
 from pathlib import Path
 
+from quillet import stored_status
 from quillet.call_lines import parse_line
 from quillet.config import ToolsConfig, read_tools_config
 from quillet.daemon.flusher import Flusher
@@ -22,6 +23,8 @@ from quillet.tool_handlers.health import ToolHealthTracker
 def main() -> int:
     """The program; returns its exit status: 1 when a line was no call, 2 when it cannot start."""
     sys.stdout.reconfigure(errors="backslashreplace")
+    if sys.argv[1:2] == ["status"]:
+        return stored_status.main(sys.argv[2:])
     options = _options()
     with ExitStack() as stack:
         try:

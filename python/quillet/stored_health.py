@@ -1,0 +1,95 @@
+"""The tools' health as the database holds it, whether a daemon is running or not."""
+
+import logging
+import sqlite3
+from collections.abc import Sequence
+from contextlib import closing
+from pathlib import Path
+from typing import Any, Self
+
+from quillet.config import ToolsConfig
+from quillet.tool_handlers import health
+
+BUSY_TIMEOUT_S = 1
+Row = tuple[Any, ...]
+
+
+def read_stored_health(
+    database: Path, config: ToolsConfig
+) -> tuple[health.ToolHealthTracker, list[str]]:
+    """A tracker with the stored history of all tools, and what of it cannot be read, a text each.
+
+    Only for a process that runs no daemon: from then on every tool counts as registered, so that
+    tools that are gone are shown, too. Nothing is written or created. An OSError or ValueError
+    names a file that is missing, locked, damaged or not a daemon's.
+    """
+    rows, document = _read(database)
+    setattr(health, "TOOLS", _EveryTool())
+    damaged: list[str] = []
+    readable = [row for row in rows if _is_readable(row, config, damaged)]
+
+    def keep_from_log(record: logging.LogRecord) -> bool:
+        damaged.append(record.getMessage())
+        return False
+
+    health.logger.addFilter(keep_from_log)
+    return health.ToolHealthTracker(_Stored(readable, document), config), damaged
+
+
+def _read(database: Path) -> tuple[list[Row], Row | None]:
+    """The rows of the tools, and the row of the usage document."""
+    database.open("rb").close()  # its error says more than SQLite's
+    try:
+        with closing(_connect(database.resolve())) as connection:
+            rows = connection.execute(
+                f"SELECT {health._TOOL_HEALTH_COLUMNS} FROM tool_health"
+            ).fetchall()
+            document = connection.execute(
+                "SELECT value FROM schema_info WHERE key = ?", (health.TOOL_USAGE_KEY,)
+            ).fetchone()
+    except sqlite3.Error as error:
+        raise ValueError(f"{database}: {error}") from error
+    return rows, document
+
+
+def _connect(database: Path) -> sqlite3.Connection:
+    # A reader of a database in WAL mode creates its log unless told that nobody else writes.
+    in_use = any(Path(f"{database}-{log}").exists() for log in ("wal", "journal"))
+    uri = database.as_uri() + ("?mode=ro" if in_use else "?immutable=1")
+    connection = sqlite3.connect(uri, uri=True, timeout=BUSY_TIMEOUT_S)
+    connection.text_factory = lambda data: data.decode("utf-8", "backslashreplace")
+    return connection
+
+
+def _is_readable(row: Row, config: ToolsConfig, damaged: list[str]) -> bool:
+    try:
+        health.ToolHealthTracker(_Stored([row], None), config)
+    except (ValueError, TypeError, OverflowError) as error:
+        damaged.append(f"Could not read the tool_health row of {row[0]!r}: {error}")
+        return False
+    return True
+
+
+class _Stored:
+    """A repository whose database holds what was read, and takes nothing."""
+
+    def __init__(self, rows: list[Row], document: Row | None) -> None:
+        self.db = self
+        self._rows = rows
+        self._document = document
+
+    def fetchall(self, sql: str) -> list[Row]:
+        return self._rows
+
+    def fetchone(self, sql: str, parameters: Sequence[Any]) -> Row | None:
+        return self._document
+
+
+class _EveryTool:
+    """A registry, and a tool of it, that has whatever it is asked for."""
+
+    def get(self, tool: object) -> Self:
+        return self
+
+    def action(self, name: object) -> Self:
+        return self
