@@ -62,7 +62,7 @@ def as_text(number: int, tool: str, answer: Answer) -> str:
 
 def as_heading(line: str) -> str:
     """A played line that is no call: a comment stands out, an empty one stays so."""
-    return on_screen([text(line.strip(" #\n"), "bold")])
+    return on_screen([text(line.lstrip("#").strip(), "bold")])
 
 
 def status_text(status: dict[str, Any]) -> str:
@@ -127,8 +127,8 @@ def _disabled(tool: dict[str, Any], cooldown_s: float) -> Text:
             again = "at the next call"
         case _:
             again = f"at {moment} UTC, in {timedelta(seconds=seconds)}"
-    since = f"{tool['tool_name']} is disabled since {tool['disabled_at']} UTC"
-    return text(f"{since}; tried again {again}", STYLES[Outcome.DISABLED])
+    since = f"{tool['tool_name']}: disabled since {tool['disabled_at']} UTC"
+    return text(f"{since}, tried again {again}", STYLES[Outcome.DISABLED])
 
 
 def _threads(report: dict[str, Any]) -> list[RenderableType]:
