@@ -1,0 +1,77 @@
+"""The tools' health as metrics for Prometheus, from the summary that a tracker gives.
+
+Register the collector beside the daemon's own metrics:
+
+    prometheus_client.REGISTRY.register(ToolHealthCollector(tracker))
+
+A scrape then asks the tracker once and waits for no database. Error texts are left out: as labels
+they would make a series each. Run as a program, it prints the metrics of a stored history:
+
+    python -P examples/metrics.py .quillet/quillet.db
+"""
+
+import sys
+from collections.abc import Iterable
+from pathlib import Path
+from typing import Any, Protocol
+
+from prometheus_client import CollectorRegistry, generate_latest
+from prometheus_client.core import CounterMetricFamily, GaugeMetricFamily, Metric
+from prometheus_client.registry import Collector
+
+
+class Tracker(Protocol):
+    """What the collector asks: `ToolHealthTracker` has it."""
+
+    def get_health_summary(self) -> list[Any]:
+        """A record per tool."""
+
+
+class ToolHealthCollector(Collector):
+    """Collects a tracker's summary at each scrape."""
+
+    def __init__(self, tracker: Tracker) -> None:
+        self._tracker = tracker
+
+    def collect(self) -> Iterable[Metric]:
+        """The metrics of this moment; a mean is in seconds, and there once a call was timed."""
+        tool, usage = ["tool"], ["tool", "action", "outcome", "synonym"]
+        runs = CounterMetricFamily(
+            "tool_health_runs", "Reported ends of the tool's handler", labels=tool
+        )
+        errors = CounterMetricFamily("tool_health_errors", "Those that were errors", labels=tool)
+        disabled = GaugeMetricFamily(
+            "tool_health_disabled", "1 while the tool is disabled", labels=tool
+        )
+        calls = CounterMetricFamily("tool_health_calls", "Calls by how they ended", labels=usage)
+        means = GaugeMetricFamily(
+            "tool_health_call_mean_seconds", "Mean time of the handler in these calls", labels=usage
+        )
+        for record in self._tracker.get_health_summary():
+            name = _label(record["tool_name"])
+            runs.add_metric([name], record["call_count"])
+            errors.add_metric([name], record["error_count"])
+            disabled.add_metric([name], record["disabled"])
+            for row in record["usage"]:
+                synonym = "true" if row["alias_hit"] else "false"
+                labels = [name, _label(row["action"]), _label(row["outcome"]), synonym]
+                calls.add_metric(labels, row["calls"])
+                if row["avg_ms"] is not None:
+                    means.add_metric(labels, row["avg_ms"] / 1000)
+        return [runs, errors, disabled, calls, means]
+
+
+def _label(value: object) -> str:
+    """A label as Prometheus takes it: without lone surrogates, and empty for what is none."""
+    text = "" if value is None else str(value)
+    return text.encode("utf-8", "backslashreplace").decode()
+
+
+if __name__ == "__main__":
+    from quillet.config import ToolsConfig
+    from quillet.stored_health import read_stored_health
+
+    tracker, _ = read_stored_health(Path(sys.argv[1]), ToolsConfig())
+    registry = CollectorRegistry()
+    registry.register(ToolHealthCollector(tracker))
+    print(generate_latest(registry).decode(), end="")
