@@ -1,181 +1,137 @@
-"""The whole tracker against a small model: random calls, flushes, failures and restarts."""
+"""The tracker against the plain class of bench/: random calls, flushes, failures and restarts."""
 
 import json
-import tempfile
+import time
+from contextlib import contextmanager
+from dataclasses import astuple
 from pathlib import Path
+from random import Random
 from types import SimpleNamespace
 
-import pytest
-from conftest import MEMBERS, Spec, SpyRepository
-from hypothesis import settings
+import plain_tracker
+from conftest import Spec, SpyRepository
+from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
-from hypothesis.stateful import RuleBasedStateMachine, initialize, invariant, precondition, rule
 from quillet.repository import Repository
 from quillet.tool_handlers import health
 
-tools = st.sampled_from(["a", "b", "c", "d"])
-actions = st.none() | st.sampled_from(["x", "None", "\u20ac"])
-durations = st.none() | st.sampled_from([0.0, 0.0625, 12.3456, 1e16])
-ERRORS = RuntimeError("no luck"), KeyboardInterrupt()
+TOOLS = ("b", "a", "ab")
+ACTIONS = ("x", "None", "\u20ac")
+ERROR_TEXTS = (None, "", "no luck", "\u20ac" * 501)
+FAILURES = RuntimeError("no luck"), KeyboardInterrupt()
+DURATIONS = (None, 0.0, 0.0625, 12.3456, 1e16)
 
 
-class Tracker(RuleBasedStateMachine):
-    folder = monkeypatch = None  # of the test
+def repeat_first(document):
+    document += [{**element, "calls": "7", "more": None} for element in document[:1]]
 
-    @initialize()
-    def begin(self):
-        self.repository = Repository(Path(tempfile.mkdtemp(dir=self.folder)))
-        self.spy = SpyRepository(self.repository)
-        self.registry = {tool: Spec("x", "None", "\u20ac") for tool in "abcd"}
-        self.monkeypatch.setattr(health, "TOOLS", self.registry)
-        self.asked = []
-        is_slow = lambda *key: self.asked.append(key) or key[1] == "x"  # noqa: E731
-        self.monkeypatch.setattr(health, "is_slow_call", is_slow)
-        self.settings = SimpleNamespace(disable_after_errors=2, disable_cooldown_s=1e9)
-        self.states, self.usage = {}, {}
-        self.dirty, self.usage_dirty = set(), False
-        self.rows, self.document = {}, {}  # what is stored
-        self.tracker = health.ToolHealthTracker(self.spy, self.settings)
 
-    def teardown(self):
-        self.repository.__exit__()
+def spoil(document):
+    document.append({"tool": "a"})
 
-    def changed(self, tool, **fields):
-        fresh = {"call_count": 0, "error_count": 0, "last_error": None, "disabled": False, "run": 0}
-        self.states.setdefault(tool, fresh).update(fields)
-        self.dirty.add(tool)
 
-    @rule(tool=tools)
-    def succeed(self, tool):
-        self.tracker.record_success(tool)
-        calls = self.states.get(tool, {"call_count": 0})["call_count"]
-        self.changed(tool, call_count=calls + 1, run=0, disabled=False)
+class Life:
+    """A tracker and a plain one, each with a database of its own, to which the same happens."""
 
-    @rule(tool=tools, error=st.none() | st.text(max_size=3) | st.just("\u20ac" * 501))
-    def fail(self, tool, error):
-        self.tracker.record_error(tool, error)
-        self.changed(tool)
-        state = self.states[tool]
-        for count in ("call_count", "error_count", "run"):
-            state[count] += 1
-        state["last_error"] = (error or "")[:500]
-        state["disabled"] |= state["run"] >= self.settings.disable_after_errors
+    def __init__(self, random, monkeypatch):
+        self.choice, self.monkeypatch = random.choice, monkeypatch
+        self.repositories = [SpyRepository(Repository(Path(), Path(":memory:"))) for _ in range(2)]
+        self.settings = SimpleNamespace(disable_after_errors=self.choice([0, 1, 2, 3]))
+        self.asked = [], []
+        monkeypatch.setattr(health, "is_slow_call", self.is_slow_call(0))
+        monkeypatch.setattr(plain_tracker, "time", SimpleNamespace(time=self.clock))
+        self.start()
 
-    @rule(tool=tools, passed=st.booleans())
-    def ask(self, tool, passed):
-        state = self.states.get(tool, {"disabled": False})
-        expected = (
-            (True, state["last_error"]) if state["disabled"] and not passed else (False, None)
+    def is_slow_call(self, number):
+        return lambda *call: self.asked[number].append(call) or call[1] == "x"
+
+    def clock(self):
+        """The plain one's: what the other, which goes first, read for the same operation."""
+        states = self.trackers[0]._state.values()
+        return max([self.begun, *(state.updated_at for state in states)])
+
+    def start(self, gone=None):
+        spec = Spec(*(action for action in ACTIONS if action != gone))
+        registry = {tool: spec for tool in TOOLS if tool != gone}
+        self.monkeypatch.setattr(health, "TOOLS", registry)
+        ours, plain = self.repositories
+        self.trackers = (
+            health.ToolHealthTracker(ours, self.settings),
+            plain_tracker.PlainTracker(plain, self.settings, registry, self.is_slow_call(1)),
         )
-        self.settings.disable_cooldown_s = 0.0 if passed else 1e9
-        assert self.tracker.is_disabled(tool) == expected
-        if state["disabled"] and passed:
-            self.changed(tool, disabled=False, run=0)
 
-    @rule(
-        key=st.tuples(tools, actions, st.sampled_from(["ok", "\udcff"]), st.booleans()),
-        ms=durations,
-    )
-    def count(self, key, ms):
-        self.tracker.record_call(*key[:3], alias_hit=key[3], duration_ms=ms)
-        calls, timed, total = self.usage.get(key, (0, 0, 0.0))
-        self.usage[key] = (calls + 1, timed + (ms is not None), total + (ms or 0.0))
-        self.usage_dirty = True
+    @contextmanager
+    def failing(self, operation, error=FAILURES[0]):
+        for repository in self.repositories:
+            repository.db.failures = {operation: error}
+        yield
+        for repository in self.repositories:
+            repository.db.failures = {}
 
-    @rule()
+    def both(self, operation, *args, **kwargs):
+        print(operation, args, kwargs)
+        self.begun = time.time() - 1e-6  # the two clocks' last digits may differ
+        outcomes = []
+        for tracker in self.trackers:
+            try:
+                outcomes.append(getattr(tracker, operation)(*args, **kwargs))
+            except (RuntimeError, KeyboardInterrupt) as error:
+                outcomes.append(error)
+        assert outcomes[0] == outcomes[1]
+
+    def succeed(self):
+        self.both("record_success", self.choice(TOOLS))
+
+    def fail(self):
+        self.both("record_error", self.choice(TOOLS), self.choice(ERROR_TEXTS))
+
+    def ask(self):
+        self.settings.disable_cooldown_s = self.choice([0.0, 1e9])
+        self.both("is_disabled", self.choice(TOOLS))
+
+    def count(self):
+        key = self.choice(TOOLS), self.choice((None, *ACTIONS)), self.choice(["ok", "\udcff"])
+        keywords = {"alias_hit": self.choice([False, True]), "duration_ms": self.choice(DURATIONS)}
+        self.both("record_call", *key, **keywords)
+
     def flush(self):
-        expected = len(self.dirty) + (len(self.usage) if self.usage_dirty else 0)
-        assert self.tracker.flush() == expected
-        self.stored_health()
-        if self.usage_dirty:
-            self.document = {k: (c, t, round(ms, 3)) for k, (c, t, ms) in self.usage.items()}
-        self.usage_dirty = False
+        with self.failing(self.choice([None, "executemany", "execute"]), self.choice(FAILURES)):
+            self.both("flush")
 
-    def stored_health(self):
-        self.rows |= {tool: {**self.states[tool], "run": 0} for tool in self.dirty}
-        self.dirty.clear()
+    def restart(self):
+        gone = self.choice([None, "a", "ab", "None"])
+        edit = self.choice([None, repeat_first, spoil, list.reverse])
+        read = self.choice([None, None, "fetchall", "fetchone", "executemany"])
+        print("restart", gone, edit, read)
+        for db in (repository.db.db for repository in self.repositories if edit):
+            for key, text in db.fetchall("SELECT key, value FROM schema_info"):
+                edit(document := json.loads(text))
+                sql = "UPDATE schema_info SET value = ? WHERE key = ?"
+                db.execute(sql, (json.dumps(document, indent=1), key))
+        with self.failing(read):
+            self.start(gone)
 
-    @rule(error=st.sampled_from(ERRORS), write=st.sampled_from(["executemany", "execute"]))
-    def flush_in_vain(self, error, write):
-        self.spy.db.failures[write] = error
-        if write == "executemany" and self.dirty or write == "execute" and self.usage_dirty:
-            with pytest.raises(type(error)) as raised:
-                self.tracker.flush()
-            assert raised.value is error
-            if write == "execute":
-                self.stored_health()
-        del self.spy.db.failures[write]
-
-    @rule(served=st.sets(tools, min_size=1))
-    def restart(self, served):
-        self.registry.clear()
-        self.registry.update({tool: Spec("x", "\u20ac") for tool in served})
-        self.tracker = health.ToolHealthTracker(self.spy, self.settings)
-        self.rows = {tool: row for tool, row in self.rows.items() if tool in served}
-        self.states = {tool: dict(row) for tool, row in self.rows.items()}
-        known = lambda key: key[0] in served and key[1] != "None"  # noqa: E731
-        self.usage = {key: usage for key, usage in self.document.items() if known(key)}
-        self.usage_dirty = len(self.usage) < len(self.document)
-        self.dirty = set()
-
-    @precondition(lambda self: self.document)
-    @rule(edit=st.sampled_from(["double", "spoil", "reverse"]))
-    def edit_the_document(self, edit):
-        elements = [dict(zip(MEMBERS, key + usage)) for key, usage in self.document.items()]
-        if edit == "double":
-            elements += [{**elements[0], "calls": "7", "more": None}]
-            first = next(iter(self.document))
-            self.document[first] = (7, *self.document[first][1:])
-        elif edit == "spoil":
-            del elements[-1]["total_ms"]
-            self.document = {}
-        else:
-            elements.reverse()
-            self.document = dict(reversed(self.document.items()))
-        sql = "UPDATE schema_info SET value = ? WHERE key = 'tool_usage'"
-        self.repository.db.execute(sql, (json.dumps(elements, indent=1),))
-
-    @invariant()
-    def memory_is_as_modelled(self):
-        shown = {
-            tool: {"call_count": s.call_count, "error_count": s.error_count,
-                   "last_error": s.last_error, "disabled": s.disabled_at is not None,
-                   "run": s.consecutive_errors}
-            for tool, s in self.tracker._state.items()}  # fmt: skip
-        usage = {
-            key: (u.calls, u.timed_calls, u.total_ms) for key, u in self.tracker._usage.items()
+    def seen(self, number):
+        tracker = self.trackers[number]
+        self.asked[number].clear()
+        return {
+            "state": [(tool, *astuple(state)) for tool, state in tracker._state.items()],
+            "usage": [(key, *astuple(usage)) for key, usage in tracker._usage.items()],
+            "flags": (tracker._dirty, tracker._usage_dirty, tracker.has_unsaved_changes),
+            "summary": tracker.get_health_summary(),
+            "asked": self.asked[number],
+            "database": self.repositories[number].db.calls,
         }
-        assert shown == self.states
-        assert list(usage.items()) == list(self.usage.items())
-        assert (self.tracker._dirty, self.tracker._usage_dirty) == (self.dirty, self.usage_dirty)
-        assert self.tracker.has_unsaved_changes == bool(self.dirty or self.usage_dirty)
-
-    @invariant()
-    def summary_is_as_modelled(self):
-        none = health._ToolState()
-        state_of = lambda tool: self.tracker._state.get(tool, none)  # noqa: E731
-        names = dict.fromkeys([*self.tracker._state, *(key[0] for key in self.usage)])
-        names = sorted(names, key=lambda t: (-state_of(t).error_count, -state_of(t).call_count))
-        expected = []
-        for tool in names:
-            rows = [(key, *usage) for key, usage in self.usage.items() if key[0] == tool]
-            rows.sort(key=lambda row: (-row[1], str(row[0][1]), row[0][2], row[0][3]))
-            state = state_of(tool)
-            expected.append({
-                "tool_name": tool, "call_count": state.call_count, "error_count": state.error_count,
-                "last_error": state.last_error, "disabled": state.disabled_at is not None,
-                "disabled_at": health._sqlite_time(state.disabled_at),
-                "updated_at": health._sqlite_time(state.updated_at),
-                "usage": [{"action": key[1], "outcome": key[2], "alias_hit": key[3], "calls": calls,
-                           "avg_ms": round(total / timed, 2) if timed else None,
-                           "slow": key[1] == "x"} for key, calls, timed, total in rows],
-            })  # fmt: skip
-        self.asked.clear()
-        assert self.tracker.get_health_summary() == expected
-        assert self.asked == [key[:2] for tool in names for key in self.usage if key[0] == tool]
 
 
-def test_any_sequence_of_operations(tmp_path, monkeypatch):
-    Tracker.folder, Tracker.monkeypatch = tmp_path, monkeypatch
-    Tracker.TestCase.settings = settings(max_examples=60, stateful_step_count=30, deadline=None)
-    Tracker.TestCase("runTest").runTest()
+OPERATIONS = 4 * [Life.fail] + 3 * [Life.ask, Life.count] + [Life.succeed, Life.flush, Life.restart]
+
+
+@settings(max_examples=100, deadline=None, suppress_health_check=list(HealthCheck))
+@given(seed=st.integers(0, 2**32))
+def test_any_sequence_of_operations(monkeypatch, seed):
+    random = Random(seed)
+    life = Life(random, monkeypatch)
+    for _ in range(60):
+        random.choice(OPERATIONS)(life)
+        assert life.seen(0) == life.seen(1)
