@@ -1,0 +1,124 @@
+"""Who works for long lets the other threads in, every so many entries.
+
+With a switch interval of 1,000 s a thread gets in only where another one lets it. So who works on
+without doing so shows in the marks, however fast that is: a dot for each entry that is worked on, a
+bar for each time that the other thread got in.
+"""
+
+import gc
+import json
+import sys
+import threading
+import time
+import tracemalloc
+from statistics import median
+from types import SimpleNamespace
+
+import pytest
+from conftest import MEMBERS, Spec, call
+from quillet.tool_handlers import health
+
+ENTRIES = 20_000
+
+
+def tracker_over(**operations):
+    nothing = dict.fromkeys(["fetchall", "fetchone", "execute", "executemany"], lambda *_: ())
+    return health.ToolHealthTracker(SimpleNamespace(db=SimpleNamespace(**nothing | operations)))
+
+
+def full_tracker():
+    tracker = tracker_over()
+    for number in range(ENTRIES):
+        tracker.record_success(f"tool {number}")
+        call(tracker, f"tool {number}")
+    return tracker
+
+
+@pytest.fixture
+def other():
+    """Another thread, which does its work each time that it gets in."""
+    interval, threshold, over = sys.getswitchinterval(), gc.get_threshold(), threading.Event()
+    other = SimpleNamespace(work=lambda: other.marks.append("|"), marks=[])
+
+    def repeat():
+        while not over.is_set():
+            other.work()
+            time.sleep(1e-6)
+
+    def mark_allocations(phase, _):
+        """The objects that the collector counts: rows, answers."""
+        other.marks.append("." * 100 * (phase == "start"))
+
+    sys.setswitchinterval(1000)
+    gc.set_threshold(100)
+    gc.callbacks.append(mark_allocations)
+    thread = threading.Thread(target=repeat)
+    thread.start()
+    yield other
+    over.set()
+    thread.join()
+    gc.callbacks.remove(mark_allocations)
+    gc.set_threshold(*threshold)
+    sys.setswitchinterval(interval)
+
+
+def in_turns(other, work, prepare=lambda: None):
+    """Whether the work marks its entries, and never half of ENTRIES between two bars.
+
+    Where others are let in, they may come late on a busy machine; where not, they never come.
+    """
+    for _ in range(10):
+        prepared = prepare()
+        other.marks.clear()
+        work(prepared)
+        holds = [len(hold) for hold in "".join(other.marks).split("|")]
+        if sum(holds) > 0.9 * ENTRIES and max(holds) < ENTRIES / 2:
+            return True
+    return False
+
+
+@pytest.mark.parametrize("operation", ["_flush_health", "get_health_summary"])
+def test_a_flush_and_a_summary_build_in_turns(other, operation, monkeypatch):
+    monkeypatch.setattr(health, "is_slow_call", lambda *_: other.marks.append("."))
+    assert in_turns(other, lambda t: getattr(t, operation)(), prepare=full_tracker)
+
+
+def test_a_start_reads_in_turns(other, monkeypatch):
+    def marked(value):
+        other.marks.append(".")
+        return value
+
+    class Row:
+        def __getitem__(self, column):
+            return marked("a") if column == 0 else (1, 0, None, None, None)[column - 1]
+
+    def elements(document):
+        for n in range(ENTRIES):
+            yield marked(dict(zip(MEMBERS, ("a", None, str(n), False, 1, 0, 0.0))))
+
+    monkeypatch.setattr(health, "TOOLS", SimpleNamespace(get=lambda tool: marked(Spec())))
+    monkeypatch.setattr(json, "loads", elements)
+    rows, text = lambda _: [Row()] * ENTRIES, lambda *_: ("in a form of its own",)
+    start = lambda _: tracker_over(fetchall=rows, fetchone=text)  # noqa: E731
+    assert in_turns(other, start)
+
+
+def test_a_document_is_written_beside_others(other):
+    tracker, seen, counts = full_tracker(), [], []
+    tracker.flush()
+
+    def look():
+        # After the counts were taken, and before their document is a text of the interpreter's.
+        if not tracker.has_unsaved_changes and tracemalloc.get_traced_memory()[0] < least:
+            seen.append(1)
+
+    tracemalloc.start()
+    least = tracemalloc.get_traced_memory()[0] + 1_000_000
+    other.work = look
+    for _ in range(7):
+        call(tracker)
+        seen.clear()
+        tracker.flush()
+        counts.append(len(seen))
+    tracemalloc.stop()
+    assert median(counts) > 5, counts
