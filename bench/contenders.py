@@ -31,17 +31,28 @@ class Spec:
         return name
 
 
-class SilentDb:
-    """A database that holds nothing and takes no time, to leave the tracker's own cost."""
+class MemoryDb:
+    """A database that keeps what it was last given and takes no time: the rest is the tracker's."""
 
-    def fetchall(self, *_: object) -> list[Any]:
-        """No rows."""
-        return []
+    def __init__(self) -> None:
+        self._rows: Sequence[tuple[Any, ...]] = []
+        self._document: tuple[str] | None = None
 
-    def execute(self, *_: object) -> None:
-        """Nothing done, and no row found."""
+    def fetchall(self, _: str) -> Sequence[tuple[Any, ...]]:
+        """The rows of the latest flush."""
+        return self._rows
 
-    fetchone = executemany = execute
+    def fetchone(self, *_: object) -> tuple[str] | None:
+        """The document of the latest flush."""
+        return self._document
+
+    def execute(self, _: str, parameters: tuple[str, str]) -> None:
+        """Keep a document."""
+        self._document = parameters[1:]
+
+    def executemany(self, _: str, rows: Sequence[tuple[Any, ...]]) -> None:
+        """Keep the rows."""
+        self._rows = rows
 
 
 class FileDb:
@@ -74,7 +85,7 @@ class FileDb:
 class Repository:
     """What a tracker asks of its repository."""
 
-    db: SilentDb | FileDb
+    db: MemoryDb | FileDb
 
 
 def tool_name(number: int) -> str:
@@ -87,11 +98,11 @@ def is_slow_call(tool: str, action: str | None) -> bool:
     return (tool, action) in SLOW_CALLS
 
 
-TOOLS = {tool_name(number): Spec() for number in range(1_000)}
+TOOLS = {tool_name(number): Spec() for number in range(10_000)}
 health.TOOLS = TOOLS
 health.is_slow_call = is_slow_call
 
-CONTENDERS: dict[str, Callable[[SilentDb | FileDb], Any]] = {
+CONTENDERS: dict[str, Callable[[MemoryDb | FileDb], Any]] = {
     "component": lambda db: health.ToolHealthTracker(Repository(db), Limits()),
     "plain": lambda db: PlainTracker(Repository(db), Limits(), TOOLS, is_slow_call),
 }
@@ -110,9 +121,14 @@ def change_usage(tracker: Any, tools: int) -> None:
             tracker.record_call(name, action, "ok", alias_hit=False, duration_ms=1.25)
 
 
-def filled(name: str, db: SilentDb | FileDb, tools: int) -> Any:
+def filled(name: str, db: MemoryDb | FileDb, tools: int) -> Any:
     """A contender's tracker of so many changed tools with ten usage keys each."""
     tracker = CONTENDERS[name](db)
     change_tools(tracker, tools)
     change_usage(tracker, tools)
     return tracker
+
+
+def both(tools: int) -> dict[str, Any]:
+    """Each contender's tracker, filled, over a database in memory."""
+    return {name: filled(name, MemoryDb(), tools) for name in CONTENDERS}

@@ -1,7 +1,12 @@
-"""How long an event loop is held up while another thread flushes or sums up.
+"""How much longer an event loop waits while another thread starts a tracker, flushes or sums up.
 
-The interpreter's switch interval stays at its default: a thread of plain Python keeps the loop waiting for up to that.
-The loop and the other thread have a CPU each: on a shared one the loop would wait for the kernel, whatever is locked.
+The loop wakes every millisecond, and each run's figure is its latest wake during the work, less its
+latest one during a sleep that is as long and comes next. The table has the medians of many such
+runs, and 0 for one below: what the machine does meets both halves, and either contender, alike.
+
+The interpreter's switch interval stays at its default, up to which plain Python keeps a loop
+waiting. The loop and the other thread have a CPU each: on a shared one the loop would wait for the
+kernel, whatever is locked.
 """
 
 import asyncio
@@ -9,99 +14,105 @@ import gc
 import os
 import threading
 import time
-from collections.abc import Callable
+from collections.abc import Callable, Iterator
+from functools import partial
 from statistics import median
 from typing import Any
 
-from contenders import CONTENDERS, SilentDb, change_tools, change_usage, filled
+from contenders import CONTENDERS, MemoryDb, change_tools, change_usage, filled
 from figures import Figure
 from timing import interleaved
 
-TOOLS = 1_000
-ROUNDS = 31
 CPUS = sorted(os.sched_getaffinity(0))
-LEAST_MS = (
-    0.1  # ratios take no delay for shorter: an idle loop's own wakes are as far apart as that
-)
-FLUSH = f"flush, {TOOLS * 10:,} usage keys and {TOOLS:,} tools"
-DOCUMENT = f"flush, {TOOLS * 10:,} usage keys alone"
-SUMMARY = f"summary of {TOOLS * 10:,} usage keys"
+MEASURABLE_MS = 0.1  # the latest wakes of two idle runs are as far apart
+LIMIT_MS = 1.0
+Measures = dict[str, Callable[[], float]]
 
 
-def figures() -> list[Figure]:
-    """The delay that each piece of work adds to the longest one of an idle process."""
-    measures = {"idle": lambda: _worst_lateness_ms(lambda: time.sleep(0.01))}
-    for name in CONTENDERS:
-        tracker = filled(name, SilentDb(), TOOLS)
-        measures |= {
-            f"{name} {subject}": measure for subject, measure in _measures(tracker).items()
-        }
-    gc.freeze()  # one tracker's objects are no part of the collections that the other's work sets off
-    worst = {name: median(times) for name, times in interleaved(ROUNDS, measures).items()}
-    document = _added(worst, DOCUMENT, at_least=10)
-    limit = Figure(
-        "the last, over a limit of 1 ms",
-        document.component,
-        1.0,
-        "ms",
-        document.component,
-        at_most=1,
-    )
-    idle = Figure("nothing running (longest delay)", worst["idle"], worst["idle"], "ms", 1.0)
-    return [idle, _added(worst, FLUSH), document, limit, _added(worst, SUMMARY)]
+def figures() -> Iterator[Figure]:
+    """The delay that each piece of work adds at 1,000 tools and 10,000 usage keys."""
+    contenders = {name: _measures(name, tools=1_000) for name in CONTENDERS}
+    for subject in contenders["component"]:
+        samples = _samples(31, {name: work[subject] for name, work in contenders.items()})
+        component, plain = samples["component"], samples["plain"]
+        ratio = plain / component if component >= MEASURABLE_MS else None
+        yield Figure(subject, component, plain, "ms", ratio, component_under=LIMIT_MS)
 
 
-def _added(worst: dict[str, float], subject: str, at_least: float | None = None) -> Figure:
-    component, plain = (worst[f"{name} {subject}"] - worst["idle"] for name in CONTENDERS)
-    return Figure(
-        subject, component, plain, "ms", max(plain, LEAST_MS) / max(component, LEAST_MS), at_least
-    )
+def growth_figures() -> Iterator[Figure]:
+    """The same of the component at 100,000 usage keys, beside 1,000."""
+    sizes = {str(tools): _measures("component", tools) for tools in (100, 10_000)}
+    for subject in sizes["100"]:
+        samples = _samples(15, {tools: work[subject] for tools, work in sizes.items()})
+        small, large = samples["100"], samples["10000"]
+        ratio = large / max(small, MEASURABLE_MS) if large >= MEASURABLE_MS else None
+        # A summary gathers its rows under the tracker's lock, so it may grow.
+        limit = None if subject == "summary" else LIMIT_MS
+        yield Figure(subject, large, small, "ms", ratio, component_under=limit)
 
 
-def _measures(tracker: Any) -> dict[str, Callable[[], float]]:
-    def flush_all() -> float:
-        change_tools(tracker, TOOLS)
-        change_usage(tracker, TOOLS)
-        return _worst_lateness_ms(tracker.flush)
+def _samples(rounds: int, measures: Measures) -> dict[str, float]:
+    gc.freeze()  # what was made so far is no part of the collections that the work sets off
+    return {name: max(median(ms), 0) for name, ms in interleaved(rounds, measures).items()}
 
-    def flush_document() -> float:
-        change_usage(tracker, TOOLS)
-        return _worst_lateness_ms(tracker.flush)
+
+def _measures(name: str, tools: int) -> Measures:
+    db = MemoryDb()
+    tracker = filled(name, db, tools)
+    tracker.flush()
+
+    def flush_everything() -> float:
+        change_tools(tracker, tools)
+        change_usage(tracker, tools)
+        return _added_ms(tracker.flush)
 
     return {
-        FLUSH: flush_all,
-        DOCUMENT: flush_document,
-        SUMMARY: lambda: _worst_lateness_ms(tracker.get_health_summary),
+        "start": lambda: _added_ms(partial(CONTENDERS[name], db)),
+        "flush of everything": flush_everything,
+        "summary": lambda: _added_ms(tracker.get_health_summary),
     }
 
 
-def _worst_lateness_ms(work: Callable[[], object]) -> float:
+def _added_ms(work: Callable[[], Any]) -> float:
     gc.collect()  # every piece of work starts as far from the next collection
+    kept = []  # freeing the answer is its owner's work
+
+    def timed_work() -> float:
+        start = time.perf_counter()
+        kept.append(work())
+        return time.perf_counter() - start
+
+    busy, length = _latest_wake(timed_work)
+    idle, _ = _latest_wake(lambda: time.sleep(length))
+    return (busy - idle) * 1e3
+
+
+def _latest_wake(work: Callable[[], Any]) -> tuple[float, Any]:
+    """How late the loop woke at worst, in seconds, and what the work returned."""
     os.sched_setaffinity(0, CPUS[:1])
     try:
-        return asyncio.run(_watch(work)) * 1e3
+        return asyncio.run(_watch(work))
     finally:
         os.sched_setaffinity(0, CPUS)
 
 
-async def _watch(work: Callable[[], object]) -> float:
-    """The latest wake of a loop that wakes every millisecond, from shortly before the work to shortly after."""
+async def _watch(work: Callable[[], Any]) -> tuple[float, Any]:
+    results = []
 
     def padded() -> None:
         os.sched_setaffinity(0, CPUS[1:] or CPUS)
         time.sleep(0.005)
-        work()
+        results.append(work())
         time.sleep(0.005)
 
-    thread = threading.Thread(
-        target=padded
-    )  # no executor: its wake at the end would delay the loop's last timer
+    # No executor: its wake at the end would delay the loop's last timer.
+    thread = threading.Thread(target=padded)
     thread.start()
     await asyncio.sleep(0.002)
-    worst = 0.0
+    latest = 0.0
     while thread.is_alive():
         due = time.perf_counter() + 0.001
         await asyncio.sleep(0.001)
-        worst = max(worst, time.perf_counter() - due)
+        latest = max(latest, time.perf_counter() - due)
     thread.join()
-    return worst
+    return latest, results[0]

@@ -4,14 +4,14 @@ import ctypes
 import gc
 import subprocess
 import sys
-from collections.abc import Callable
+from collections.abc import Callable, Iterator
 from functools import cache
 from statistics import median
 from typing import Any
 
 import psutil
 
-from contenders import CONTENDERS, SilentDb
+from contenders import CONTENDERS, MemoryDb
 from figures import Figure
 from timing import interleaved
 
@@ -43,9 +43,11 @@ ADDERS = {"a tool": add_tools, "a usage key": add_keys}
 TEXTS = {"names of its own": fresh, "names shared with the caller": cache(fresh)}
 
 
-def figures() -> list[Figure]:
-    """Bytes of private memory, with the names' own texts counted (as after a start) and then not."""
-    return [_figure(subject, texts) for texts in TEXTS for subject in ADDERS]
+def figures() -> Iterator[Figure]:
+    """Bytes of private memory, the names' own texts counted (as after a start) and then not."""
+    for texts in TEXTS:
+        for subject in ADDERS:
+            yield _figure(subject, texts)
 
 
 def _figure(subject: str, texts: str) -> Figure:
@@ -64,10 +66,8 @@ def _weight(name: str, subject: str, texts: str) -> float:
     for number in range(COUNT):  # shared names exist before the first weighing
         text("tool", number)
         text("action", number % 10)
-    ADDERS[subject](
-        CONTENDERS[name](SilentDb()), text, 10
-    )  # the code itself is in memory before, too
-    tracker = CONTENDERS[name](SilentDb())
+    ADDERS[subject](CONTENDERS[name](MemoryDb()), text, 10)  # and so does the code itself
+    tracker = CONTENDERS[name](MemoryDb())
     before = _private_bytes()
     ADDERS[subject](tracker, text, COUNT)
     return (_private_bytes() - before) / COUNT

@@ -98,7 +98,7 @@ class PlainTracker:
             return bool(self._dirty) or self._usage_dirty
 
     def is_disabled(self, tool_name: str) -> tuple[bool, str | None]:
-        """Whether the tool is disabled, with its last error; a tool past its cooldown is enabled again."""
+        """Whether the tool is disabled, and its last error; its cooldown over, it is enabled."""
         with self._lock:
             state = self._state.get(tool_name)
             if state is None or state.disabled_at is None:

@@ -1,4 +1,4 @@
-"""Measure the extension module beside the plain class: a table, and with --json FILE the same figures for a program."""
+"""Measure the extension module beside the plain class, and print a table section by section."""
 
 import argparse
 import json
@@ -10,25 +10,29 @@ from pathlib import Path
 
 import calls
 import event_loop
+import growth
 import memory
+import picture
+import threads
 import whole_state
 from figures import heading
 
 SECTIONS = [
-    (
-        "Each operation: how many times as fast, or how many times the floor",
-        "plain/floor",
-        calls.operation_figures,
-    ),
-    ("Threads at once: how many times as many calls", "plain", calls.thread_figures),
-    ("Delay added to an event loop: how many times less", "plain", event_loop.figures),
+    (picture.CALLS, "other", calls.figures),
+    ("Threads at once: how many times as many calls", "plain", threads.figures),
+    (picture.DELAYS, "plain", event_loop.figures),
+    ("The same at 100,000 keys beside 1,000", "at 1,000", event_loop.growth_figures),
     ("Summary: how many times as fast", "plain", whole_state.summary_figures),
-    ("Start and flush: how many times as fast", "plain", whole_state.storage_figures),
+    (
+        "Start, 1,000 tools and 10,000 keys: how many times as fast",
+        "plain",
+        whole_state.start_figures,
+    ),
     ("Memory: what part of the plain class's", "plain", memory.figures),
     (
         "Growth from 100 keys to 10,000: the exponent, 0 constant, 1 linear",
-        "at 100 keys",
-        whole_state.growth_figures,
+        "at 100",
+        growth.figures,
     ),
 ]
 
@@ -36,7 +40,8 @@ SECTIONS = [
 def main() -> None:
     """Run every section in turn."""
     parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("--json", type=Path, metavar="FILE", help="write the figures there too")
+    parser.add_argument("--json", type=_writable, metavar="FILE", help="write the figures there")
+    parser.add_argument("--plot", type=_writable, metavar="FILE.svg", help="draw them there")
     arguments = parser.parse_args()
     setting = {
         "python": platform.python_version(),
@@ -47,13 +52,28 @@ def main() -> None:
     start = time.perf_counter()
     report = {}
     for title, other, measure in SECTIONS:
-        figures = measure()
-        report[title] = [figure.as_json() for figure in figures]
-        print(heading(title, other), *(figure.line() for figure in figures), sep="\n", flush=True)
-    missed = sum(figure["met"] is False for figures in report.values() for figure in figures)
+        print(heading(title, other), flush=True)
+        report[title] = []
+        for figure in measure():
+            print(figure.line(), flush=True)
+            report[title].append(figure)
+    missed = sum(figure.met is False for figures in report.values() for figure in figures)
     print(f"\n{missed} missed; measured in {time.perf_counter() - start:.0f} s")
     if arguments.json:
-        arguments.json.write_text(json.dumps(setting | {"sections": report}, indent=2) + "\n")
+        sections = {title: [f.as_json() for f in figures] for title, figures in report.items()}
+        arguments.json.write_text(json.dumps(setting | {"sections": sections}, indent=2) + "\n")
+    if arguments.plot:
+        picture.draw(report, arguments.plot)
+
+
+def _writable(name: str) -> Path:
+    """The path of a file that can be written; told now, not when everything is measured."""
+    path = Path(name)
+    try:
+        path.open("a").close()
+    except OSError as error:
+        raise argparse.ArgumentTypeError(str(error)) from None
+    return path
 
 
 if __name__ == "__main__":

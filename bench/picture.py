@@ -1,0 +1,61 @@
+"""The figures as a picture for the README, readable on a light page and on a dark one."""
+
+from pathlib import Path
+from typing import Any
+
+import matplotlib
+from figures import Figure, short
+
+matplotlib.use("svg")
+from matplotlib import pyplot  # noqa: E402
+
+CALLS = "Each operation: how many times as fast, or how many times the floor"
+DELAYS = "Delay added to an event loop by 1,000 tools and 10,000 keys: how many times less"
+INK, MODULE, PLAIN, FLOOR = "#7a828e", "#2f81f7", "#b1bac4", "#d29922"
+FLOOR_SUBJECT = "over the floor"
+STYLE: dict[str, Any] = {
+    **dict.fromkeys(["text.color", "axes.edgecolor", "xtick.color", "ytick.color"], INK),
+    **dict.fromkeys(["axes.spines.top", "axes.spines.right", "axes.spines.left"], False),
+    "axes.titlepad": 12,
+    "font.size": 11,
+    "svg.hashsalt": "figures",
+}
+
+
+def draw(report: dict[str, list[Figure]], path: Path) -> None:
+    """Write an SVG file of what a call costs and of what an event loop waits longer."""
+    with matplotlib.rc_context(STYLE):
+        figure, (calls, delays) = pyplot.subplots(
+            2, 1, figsize=(9.2, 6.8), height_ratios=[7, 3], layout="constrained"
+        )
+        against_plain = [f for f in report[CALLS] if FLOOR_SUBJECT not in f.subject]
+        floors = [f.other for f in report[CALLS] if FLOOR_SUBJECT in f.subject]
+        _bars(calls, against_plain, "A call, in nanoseconds")
+        floor = sum(floors) / len(floors)
+        calls.axvline(floor, color=FLOOR, label="a C method that does nothing")
+        calls.legend(frameon=False, loc="upper right")
+        _bars(
+            delays,
+            report[DELAYS],
+            "Delay added to an event loop, in milliseconds",
+        )
+        figure.savefig(path, format="svg", transparent=True, metadata={"Date": None})
+        pyplot.close(figure)
+
+
+def _bars(axes: Any, figures: list[Figure], title: str) -> None:
+    places = range(len(figures))
+    values = {
+        "the module": [f.component for f in figures],
+        "plain Python": [f.other for f in figures],
+    }
+    for (label, lengths), offset, colour in zip(values.items(), (-0.2, 0.2), (MODULE, PLAIN)):
+        bars = axes.barh(
+            [place + offset for place in places], lengths, 0.38, color=colour, label=label
+        )
+        axes.bar_label(bars, [short(length) for length in lengths], padding=3)
+    axes.set_yticks(places, [f.subject for f in figures])
+    axes.tick_params(left=False)
+    axes.invert_yaxis()
+    axes.margins(x=0.08)
+    axes.set_title(title, loc="left", fontweight="bold")
