@@ -1,32 +1,37 @@
 # `make run` and `make test` are all a newcomer needs; both install and build what is missing.
+# Targets are relative, and paths quoted: the checkout's own path may hold spaces.
 PYTHON := /usr/bin/python3
 MESON := /usr/bin/meson
 VENV := .venv
 SITE_PACKAGES := $(CURDIR)/$(VENV)/lib/python3.11/site-packages
-INSTALL_HERE := -Dpython.platlibdir=$(SITE_PACKAGES) -Dpython.purelibdir=$(SITE_PACKAGES)
+INSTALL_HERE := -Dpython.platlibdir="$(SITE_PACKAGES)" -Dpython.purelibdir="$(SITE_PACKAGES)"
 PLAY := $(VENV)/bin/python -P -m quillet --repository . --config examples/config.toml \
 	--database build/example.db
-CPP = $(shell git ls-files '*.cpp' '*.hpp')
 
 # A build for `make check` is installed within itself, and loaded with its sanitizer's runtime.
-SETUP_CHECKED = $(MESON) setup -Dbuildtype=debugoptimized -Dpython.platlibdir=$(CURDIR)/$@/site \
-	-Dpython.purelibdir=$(CURDIR)/$@/site
+SETUP_CHECKED = $(MESON) setup -Dbuildtype=debugoptimized \
+	-Dpython.platlibdir="$(CURDIR)/$(@D)/site" -Dpython.purelibdir="$(CURDIR)/$(@D)/site"
 INSTALL_CHECKED = ninja --quiet -C build/$(1) && $(MESON) install -C build/$(1) --only-changed --quiet
 CHECKED = PYTHONPATH=build/$(1)/site PYTHONMALLOC=malloc ASAN_OPTIONS=detect_leaks=0 \
 	UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 TSAN_OPTIONS=halt_on_error=1 \
 	LD_PRELOAD="$$(g++ -print-file-name=lib$(2).so) $$(g++ -print-file-name=libstdc++.so)"
 
+CHECKS := sanitized threads debug
 NO_ENDING = --deselect tests/test_summary.py::test_the_interpreter_ends_amid_calls
 
 export PYTHONDONTWRITEBYTECODE := 1
 
-.PHONY: build run test check lint bench clean packages
+.DEFAULT_GOAL := build
+.PHONY: help build run test check lint lint-files bench clean packages
 
-build: build/release
+help: ## show this list
+	@sed -n 's/^\([a-z]*\):.*## /  make \1\t/p' $(MAKEFILE_LIST) | expand -t 16
+
+build: build/release/build.ninja ## build the module, and install it with the stand-in into .venv
 	ninja --quiet -C build/release
 	$(MESON) install -C build/release --only-changed --quiet
 
-run: build
+run: build ## play tool calls against this checkout and a real SQLite file
 	@rm -f build/example.db*
 	@$(PLAY) --text examples/first_run.jsonl
 	@echo
@@ -34,14 +39,14 @@ run: build
 	@echo
 	@$(PLAY) --text examples/threads.jsonl
 
-test: build build/sanitized
+test: build build/sanitized/build.ninja ## test the core, plainly and under sanitizers, and the module
 	$(MESON) test -C build/release --print-errorlogs
 	$(MESON) test -C build/sanitized --print-errorlogs
 	$(VENV)/bin/python -m pytest
 
 # The module's tests again, each time against a build of the module of its own. The sanitizers lose
 # track of the stack of a thread that is unwound from outside, as the interpreter's end does it.
-check: build build/sanitized build/threads build/debug
+check: build $(CHECKS:%=build/%/build.ninja) ## test the module under sanitizers, and count references
 	$(call INSTALL_CHECKED,sanitized)
 	$(call CHECKED,sanitized,asan) $(VENV)/bin/python -m pytest $(NO_ENDING)
 	$(call INSTALL_CHECKED,threads)
@@ -49,35 +54,70 @@ check: build build/sanitized build/threads build/debug
 	$(call INSTALL_CHECKED,debug)
 	PYTHONPATH=build/debug/site /usr/bin/python3-dbg tests/leaks.py
 
-lint: build/release
-	clang-format --dry-run --Werror $(CPP)
-	ninja --quiet -C build/release
-	run-clang-tidy -quiet -p build/release 'src/.*\.cpp'
+lint: build/release/build.ninja ## check the form of what changed since it was last in order
+	@ninja --quiet -C build/release
+	@$(MAKE) --no-print-directory -k -O -j2 lint-files
 
-bench: build
-	$(VENV)/bin/python bench/run.py $(if $(JSON),--json $(JSON))
+bench: build ## measure beside a plain class; JSON=FILE and PLOT=FILE.svg keep the figures
+	$(VENV)/bin/python bench/run.py $(if $(JSON),--json "$(JSON)") $(if $(PLOT),--plot "$(PLOT)")
 
-clean:
+clean: ## remove what was built
 	rm -rf build $(VENV)
 
-packages:
+packages: ## install what is missing from Debian's packages
 	@tools/install-packages packages.txt
 
-$(VENV): | packages
-	$(PYTHON) -m venv --system-site-packages --without-pip $@
+$(VENV)/bin/activate: | packages
+	$(PYTHON) -m venv --system-site-packages --without-pip $(VENV)
 
-# The first build takes a while, and shows how far it is.
-build/release: | $(VENV)
-	$(MESON) setup $(INSTALL_HERE) $@
-	ninja -C $@
+# A set-up that was interrupted left no build.ninja, and is done again from the start. The first build
+# takes a while, and shows how far it is.
+build/release/build.ninja: | $(VENV)/bin/activate
+	rm -rf $(@D)
+	$(MESON) setup $(INSTALL_HERE) $(@D)
+	ninja -C $(@D)
 
-build/sanitized: | packages
-	$(SETUP_CHECKED) -Db_sanitize=address,undefined $@
+build/sanitized/build.ninja: | packages
+	rm -rf $(@D)
+	$(SETUP_CHECKED) -Db_sanitize=address,undefined $(@D)
 
-build/threads: | packages
-	$(SETUP_CHECKED) -Db_sanitize=thread $@
+build/threads/build.ninja: | packages
+	rm -rf $(@D)
+	$(SETUP_CHECKED) -Db_sanitize=thread $(@D)
 
 # Meson builds for the interpreter that runs it. Debian's headers for the debug interpreter lead to
 # the other one's configuration, so what matters of it is said here.
-build/debug: | packages
-	/usr/bin/python3-dbg $(SETUP_CHECKED) -Dcpp_args=-DPy_DEBUG $@
+build/debug/build.ninja: | packages
+	rm -rf $(@D)
+	/usr/bin/python3-dbg $(SETUP_CHECKED) -Dcpp_args=-DPy_DEBUG $(@D)
+
+# A stamp under build/lint/ is as old as the last time that what it stands for was in order. Where
+# one stands for many files, those that are newer are checked, or all when the rules are newer.
+files = $(wildcard $(shell git ls-files --cached --others --exclude-standard $(1)))
+PYTHON_FILES = $(call files,'*.py' '*.pyi')
+CPP_FILES = $(call files,'*.cpp' '*.hpp')
+TYPED_FILES = $(filter python/% examples/%,$(PYTHON_FILES))
+SOURCES = $(filter src/%.cpp,$(CPP_FILES))
+newer = $(filter $(1),$(if $(filter-out $(1),$?),$^,$?))
+
+lint-files: build/lint/python build/lint/types build/lint/format $(SOURCES:%=build/lint/%.tidy)
+
+build/lint/python: $(PYTHON_FILES) pyproject.toml .flake8
+	@black --quiet --check --diff $(call newer,%.py %.pyi)
+	@flake8 $(call newer,%.py)
+	@mkdir -p $(@D) && touch $@
+
+build/lint/types: $(TYPED_FILES) pyproject.toml
+	@mypy --strict --no-error-summary --cache-dir build/lint/mypy $(TYPED_FILES)
+	@touch $@
+
+build/lint/format: $(CPP_FILES) .clang-format
+	@clang-format --dry-run --Werror $(call newer,%.cpp %.hpp)
+	@mkdir -p $(@D) && touch $@
+
+# The build makes an object again when its source changes, or any header that this includes.
+.SECONDEXPANSION:
+build/lint/%.tidy: % .clang-tidy $$(wildcard build/release/*.p/$$(subst /,_,$$*).o)
+	@mkdir -p $(@D)
+	@clang-tidy --quiet -p build/release $< 2>$@.log || { cat $@.log; exit 1; }
+	@touch $@

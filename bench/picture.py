@@ -46,14 +46,19 @@ def draw(report: dict[str, list[Figure]], path: Path) -> None:
 def _bars(axes: Any, figures: list[Figure], title: str) -> None:
     places = range(len(figures))
     values = {
-        "the module": [f.component for f in figures],
-        "plain Python": [f.other for f in figures],
+        "the module": [(f.component, f.ratio is not None) for f in figures],
+        "plain Python": [(f.other, True) for f in figures],
     }
-    for (label, lengths), offset, colour in zip(values.items(), (-0.2, 0.2), (MODULE, PLAIN)):
-        bars = axes.barh(
-            [place + offset for place in places], lengths, 0.38, color=colour, label=label
+    for (label, bars), offset, colour in zip(values.items(), (-0.2, 0.2), (MODULE, PLAIN)):
+        drawn = axes.barh(
+            [place + offset for place in places],
+            [length for length, _ in bars],
+            0.38,
+            color=colour,
+            label=label,
         )
-        axes.bar_label(bars, [short(length) for length in lengths], padding=3)
+        texts = [short(length) if known else "too little to measure" for length, known in bars]
+        axes.bar_label(drawn, texts, padding=3)
     axes.set_yticks(places, [f.subject for f in figures])
     axes.tick_params(left=False)
     axes.invert_yaxis()

@@ -21,9 +21,12 @@ from quillet.tool_handlers import health
 ENTRIES = 20_000
 
 
-def tracker_over(**operations):
-    nothing = dict.fromkeys(["fetchall", "fetchone", "execute", "executemany"], lambda *_: ())
-    return health.ToolHealthTracker(SimpleNamespace(db=SimpleNamespace(**nothing | operations)))
+def tracker_over(rows=(), document=None):
+    write = lambda *_: None  # noqa: E731
+    db = SimpleNamespace(
+        fetchall=lambda _: rows, fetchone=lambda *_: document, execute=write, executemany=write
+    )
+    return health.ToolHealthTracker(SimpleNamespace(db=db))
 
 
 def full_tracker():
@@ -98,8 +101,7 @@ def test_a_start_reads_in_turns(other, monkeypatch):
 
     monkeypatch.setattr(health, "TOOLS", SimpleNamespace(get=lambda tool: marked(Spec())))
     monkeypatch.setattr(json, "loads", elements)
-    rows, text = lambda _: [Row()] * ENTRIES, lambda *_: ("in a form of its own",)
-    start = lambda _: tracker_over(fetchall=rows, fetchone=text)  # noqa: E731
+    start = lambda _: tracker_over([Row()] * ENTRIES, ["in a form of its own"])  # noqa: E731
     assert in_turns(other, start)
 
 
