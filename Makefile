@@ -55,7 +55,7 @@ check: build $(CHECKS:%=build/%/build.ninja) ## test the module under sanitizers
 	PYTHONPATH=build/debug/site /usr/bin/python3-dbg tests/leaks.py
 
 lint: build/release/build.ninja ## check the form of what changed since it was last in order
-	@ninja --quiet -C build/release
+	@ninja --quiet -C build/release >build/ninja.log || { cat build/ninja.log; exit 1; }
 	@$(MAKE) --no-print-directory -k -O -j2 lint-files
 
 bench: build ## measure beside a plain class; JSON=FILE and PLOT=FILE.svg keep the figures
