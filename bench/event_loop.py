@@ -1,8 +1,9 @@
 """How much longer an event loop waits while another thread starts a tracker, flushes or sums up.
 
-The loop wakes every millisecond, and each run's figure is its latest wake during the work, less its
-latest one during a sleep that is as long and comes next. The table has the medians of many such
-runs, and 0 for one below: what the machine does meets both halves, and either contender, alike.
+The loop wakes every millisecond, and each run gives its latest wake during the work, and its latest
+one during a sleep that is as long and comes next. The table has the lower quartile of the former
+over many runs, less that of the latter: a hold that the work brings is in every run, so in the
+quiet ones too, and what else the machine does is not. 0 stands for a difference below it.
 
 The interpreter's switch interval stays at its default, up to which plain Python keeps a loop
 waiting. The loop and the other thread have a CPU each: on a shared one the loop would wait for the
@@ -16,7 +17,7 @@ import threading
 import time
 from collections.abc import Callable, Iterator
 from functools import partial
-from statistics import median
+from statistics import quantiles
 from typing import Any
 
 from contenders import CONTENDERS, MemoryDb, change_tools, change_usage, filled
@@ -24,9 +25,10 @@ from figures import Figure
 from timing import interleaved
 
 CPUS = sorted(os.sched_getaffinity(0))
-MEASURABLE_MS = 0.1  # the latest wakes of two idle runs are as far apart
+MEASURABLE_MS = 0.1  # an idle loop's own latest wakes are as far apart
 LIMIT_MS = 1.0
-Measures = dict[str, Callable[[], float]]
+Wakes = tuple[float, float]  # the latest of the work and of the sleep, in seconds
+Measures = dict[str, Callable[[], Wakes]]
 
 
 def figures() -> Iterator[Figure]:
@@ -53,7 +55,12 @@ def growth_figures() -> Iterator[Figure]:
 
 def _samples(rounds: int, measures: Measures) -> dict[str, float]:
     gc.freeze()  # what was made so far is no part of the collections that the work sets off
-    return {name: max(median(ms), 0) for name, ms in interleaved(rounds, measures).items()}
+    return {name: _added_ms(runs) for name, runs in interleaved(rounds, measures).items()}
+
+
+def _added_ms(runs: list[Wakes]) -> float:
+    during_work, during_sleep = (quantiles(wakes, n=4)[0] for wakes in zip(*runs))
+    return max(during_work - during_sleep, 0) * 1e3
 
 
 def _measures(name: str, tools: int) -> Measures:
@@ -61,19 +68,19 @@ def _measures(name: str, tools: int) -> Measures:
     tracker = filled(name, db, tools)
     tracker.flush()
 
-    def flush_everything() -> float:
+    def flush_everything() -> Wakes:
         change_tools(tracker, tools)
         change_usage(tracker, tools)
-        return _added_ms(tracker.flush)
+        return _latest_wakes(tracker.flush)
 
     return {
-        "start": lambda: _added_ms(partial(CONTENDERS[name], db)),
+        "start": lambda: _latest_wakes(partial(CONTENDERS[name], db)),
         "flush of everything": flush_everything,
-        "summary": lambda: _added_ms(tracker.get_health_summary),
+        "summary": lambda: _latest_wakes(tracker.get_health_summary),
     }
 
 
-def _added_ms(work: Callable[[], Any]) -> float:
+def _latest_wakes(work: Callable[[], Any]) -> Wakes:
     gc.collect()  # every piece of work starts as far from the next collection
     kept = []  # freeing the answer is its owner's work
 
@@ -84,7 +91,7 @@ def _added_ms(work: Callable[[], Any]) -> float:
 
     busy, length = _latest_wake(timed_work)
     idle, _ = _latest_wake(lambda: time.sleep(length))
-    return (busy - idle) * 1e3
+    return busy, idle
 
 
 def _latest_wake(work: Callable[[], Any]) -> tuple[float, Any]:

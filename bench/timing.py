@@ -3,14 +3,16 @@
 import time
 from collections.abc import Callable, Iterable, Mapping
 from statistics import median
-from typing import Any
+from typing import Any, TypeVar
 
-Samples = dict[str, list[float]]
+Sample = TypeVar("Sample")
 
 
-def interleaved(rounds: int, measures: Mapping[str, Callable[[], float]]) -> Samples:
+def interleaved(
+    rounds: int, measures: Mapping[str, Callable[[], Sample]]
+) -> dict[str, list[Sample]]:
     """Take each measure once a round, so that a drift of the machine's speed meets them all."""
-    samples: Samples = {name: [] for name in measures}
+    samples: dict[str, list[Sample]] = {name: [] for name in measures}
     for _ in range(rounds):
         for name, measure in measures.items():
             samples[name].append(measure())
