@@ -70,7 +70,7 @@ def in_turns(other, work, prepare=lambda: None):
 
     Where others are let in, they may come late on a busy machine; where not, they never come.
     """
-    for _ in range(10):
+    for _ in range(30):
         prepared = prepare()
         other.marks.clear()
         work(prepared)
@@ -117,10 +117,10 @@ def test_a_document_is_written_beside_others(other):
     tracemalloc.start()
     least = tracemalloc.get_traced_memory()[0] + 1_000_000
     other.work = look
-    for _ in range(7):
+    for _ in range(15):
         call(tracker)
         seen.clear()
         tracker.flush()
         counts.append(len(seen))
     tracemalloc.stop()
-    assert median(counts) > 5, counts
+    assert median(counts) > 3, counts
