@@ -46,13 +46,16 @@ test: build build/sanitized/build.ninja ## test the core, plainly and under sani
 
 # The module's tests again, each time against a build of the module of its own. The sanitizers lose
 # track of the stack of a thread that is unwound from outside, as the interpreter's end does it.
-check: build $(CHECKS:%=build/%/build.ninja) ## test the module under sanitizers, and count references
+check: build $(CHECKS:%=build/%/build.ninja) ## test under sanitizers, without memory and with kills, and count references
 	$(call INSTALL_CHECKED,sanitized)
 	$(call CHECKED,sanitized,asan) $(VENV)/bin/python -m pytest $(NO_ENDING)
 	$(call INSTALL_CHECKED,threads)
 	$(call CHECKED,threads,tsan) $(VENV)/bin/python -m pytest -s tests/test_summary.py $(NO_ENDING)
 	$(call INSTALL_CHECKED,debug)
 	PYTHONPATH=build/debug/site /usr/bin/python3-dbg tests/leaks.py
+	ninja --quiet -C build/release tests/libfailing_new.so
+	LD_PRELOAD=build/release/tests/libfailing_new.so $(VENV)/bin/python tests/memory.py
+	$(VENV)/bin/python tests/kills.py
 
 lint: build/release/build.ninja ## check the form of what changed since it was last in order
 	@ninja --quiet -C build/release >build/ninja.log || { cat build/ninja.log; exit 1; }

@@ -50,20 +50,23 @@ def attempt(operation, *args, **kwargs):
         return error.with_traceback(None)
 
 
-def record(t):
-    for tool in ("a", "\udcff", "\u20ac" * 600):
-        t.record_error(tool, tool)
-        t.record_success("b")
-        t.is_disabled(tool)
-        t.record_call(tool, tool, "ok", alias_hit=True, duration_ms=1)
+# What a tracker can be asked for; the memory's sweep lets each of them fail.
+STEPS = {
+    "record_success": lambda t: t.record_success("b"),
+    "record_error": lambda t: t.record_error("a", "\u20ac" * 600),
+    "record_error, odd text": lambda t: t.record_error("\udcff", "\udcff"),
+    "is_disabled": lambda t: t.is_disabled("a"),
+    "record_call": lambda t: t.record_call("a", "\udcff", "ok", alias_hit=True, duration_ms=1),
+    "flush": lambda t: t.flush(),
+    "get_health_summary": lambda t: t.get_health_summary(),
+    "views": lambda t: (t._state, t._usage, t._dirty, t._usage_dirty, t.has_unsaved_changes),
+    "start": lambda t: type(t)(t._repo, t.limits),
+}
 
 
 def use_up(t):
-    attempt(record, t)
-    for name in ("_state", "_usage", "_dirty", "limits", "_repo", "has_unsaved_changes"):
-        attempt(getattr, t, name)
-    for operation in (t.get_health_summary, t.flush, lambda: t.__init__(None)):
-        attempt(operation)
+    for step in [*STEPS.values(), lambda t: t.__init__(None)]:
+        attempt(step, t)
 
 
 def with_collaborators(operation, **objects):

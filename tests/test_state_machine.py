@@ -70,7 +70,7 @@ class Life:
 
     def both(self, operation, *args, **kwargs):
         print(operation, args, kwargs)
-        self.begun = time.time() - 1e-6  # the two clocks' last digits may differ
+        self.begun = time.time()  # the two clocks' last digits may differ
         outcomes = []
         for tracker in self.trackers:
             try:
