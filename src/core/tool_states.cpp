@@ -5,13 +5,9 @@
 namespace health {
 namespace {
 
-// A tool tends to fail the same way again: the text is copied only when it is another one.
-LastError kept_error(const LastError& latest, std::string_view error) {
-    const auto* text = latest ? std::get_if<std::string>(latest.get()) : nullptr;
-    if (text != nullptr && *text == error) {
-        return latest;
-    }
-    return std::make_shared<const ErrorValue>(std::in_place_type<std::string>, error);
+bool is_text(const LastError& error, std::string_view text) {
+    const auto* kept = error ? std::get_if<std::string>(error.get()) : nullptr;
+    return kept != nullptr && *kept == text;
 }
 
 }  // namespace
@@ -39,11 +35,17 @@ void ToolStates::record_success(const HashedText& tool, double now) {
 
 void ToolStates::record_error(const HashedText& tool, std::string_view error, double now,
                               std::optional<double> disable_after) {
-    // All that needs memory comes first.
+    // All that needs memory comes first. A tool tends to fail the same way again: the text is
+    // copied only when it is another one.
     auto* known = find(tool);
-    auto last_error = kept_error(known == nullptr ? LastError() : known->last_error, error);
+    LastError another;
+    if (known == nullptr || !is_text(known->last_error, error)) {
+        another = std::make_shared<const ErrorValue>(std::in_place_type<std::string>, error);
+    }
     auto& entry = known == nullptr ? insert(tool) : *known;
-    entry.last_error = std::move(last_error);
+    if (another) {
+        entry.last_error = std::move(another);
+    }
     increment(entry.call_count);
     increment(entry.error_count);
     increment(entry.consecutive_errors);
@@ -57,23 +59,26 @@ void ToolStates::record_error(const HashedText& tool, std::string_view error, do
     mark_changed(entry);
 }
 
-bool ToolStates::is_disabled(const HashedText& tool) const {
+std::optional<ToolStates::Position> ToolStates::find_disabled(const HashedText& tool) const {
     const auto entry = entries_.find(tool);
-    return entry != entries_.end() && entry.value().disabled_at.has_value();
-}
-
-std::optional<LastError> ToolStates::check(const HashedText& tool, double now, double cooldown_s) {
-    auto* entry = find(tool);
-    if (entry == nullptr || !entry->disabled_at) {
+    if (entry == entries_.end() || !entry.value().disabled_at) {
         return std::nullopt;
     }
-    if (!(now - *entry->disabled_at >= cooldown_s)) {
-        return entry->last_error;
+    return entry - entries_.begin();
+}
+
+std::optional<LastError> ToolStates::check(Position position, double now, double cooldown_s) {
+    auto& entry = (entries_.begin() + position).value();
+    if (!entry.disabled_at) {
+        return std::nullopt;
     }
-    entry->consecutive_errors = 0;
-    entry->disabled_at.reset();
-    entry->updated_at = now;
-    mark_changed(*entry);
+    if (!(now - *entry.disabled_at >= cooldown_s)) {
+        return entry.last_error;
+    }
+    entry.consecutive_errors = 0;
+    entry.disabled_at.reset();
+    entry.updated_at = now;
+    mark_changed(entry);
     return std::nullopt;
 }
 

@@ -68,11 +68,15 @@ public:
     void record_error(const HashedText& tool, std::string_view error, double now,
                       std::optional<double> disable_after);
 
-    bool is_disabled(const HashedText& tool) const;
+    // Where an entry stands, which is for ever.
+    using Position = std::ptrdiff_t;
 
-    // The last error of a tool that is disabled; nothing when it is enabled. A tool whose cooldown
-    // has passed is enabled now.
-    std::optional<LastError> check(const HashedText& tool, double now, double cooldown_s);
+    // The position of a tool that is disabled.
+    std::optional<Position> find_disabled(const HashedText& tool) const;
+
+    // The last error of the tool there while it is disabled; nothing when it is enabled. If its
+    // cooldown has passed it is enabled now.
+    std::optional<LastError> check(Position position, double now, double cooldown_s);
 
     // Installs a stored state, or all of them. They count as saved.
     void seed(const HashedText& tool, ToolState state);

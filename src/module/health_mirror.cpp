@@ -174,7 +174,7 @@ void write_rows(Tracker& tracker, const std::vector<HealthRow>& rows) {
 }
 
 Ref flush_health(Tracker& tracker) {
-    const auto rows =
+    auto rows =
         tracker.health.run_aside([](Health& health) { return health.states.take_changes(); });
     if (!rows.empty()) {
         write_or_mark([&] { write_rows(tracker, rows); },
@@ -183,7 +183,9 @@ Ref flush_health(Tracker& tracker) {
                               [&](Health& health) { health.states.restore_changes(rows); });
                       });
     }
-    return to_python(static_cast<Count>(rows.size()));
+    const auto count = static_cast<Count>(rows.size());
+    free_aside(rows);
+    return to_python(count);
 }
 
 }  // namespace

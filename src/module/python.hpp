@@ -205,6 +205,13 @@ private:
     PyThreadState* thread_ = nullptr;
 };
 
+// Frees plain memory, which may be much, while others may run.
+template <class Plain>
+void free_aside(Plain& memory) {
+    const GilRelease others;
+    Plain().swap(memory);
+}
+
 // Lets the other threads in, now and then, during a long loop over Python objects. A thread that
 // waits for the interpreter lock takes a moment to wake, so releasing it alone would not do.
 class Pacer {

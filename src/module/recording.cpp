@@ -171,14 +171,16 @@ Ref is_disabled(Tracker& tracker, const Call& call) {
     const auto& names = tracker.module.names;
     const auto [tool_name] = bind<kIsDisabledSignature>(names, call);
     const Text tool(text_argument(kIsDisabledSignature, Name::tool_name, tool_name));
-    if (!tracker.health.run([&](Health& health) { return health.states.is_disabled(tool); })) {
+    const auto disabled =
+        tracker.health.run([&](Health& health) { return health.states.find_disabled(tool); });
+    if (!disabled) {
         return tracker.module.enabled;
     }
     // The settings are Python's, so they are read outside the lock.
     const double cooldown_s =
         to_number(owned(PyObject_GetAttr(tracker.self, names[Name::cooldown_s])));
     const auto last_error = tracker.health.run(
-        [&](Health& health) { return health.states.check(tool, wall_clock(), cooldown_s); });
+        [&](Health& health) { return health.states.check(*disabled, wall_clock(), cooldown_s); });
     return last_error ? disabled_answer(tracker.latest_answer, *last_error)
                       : tracker.module.enabled;
 }

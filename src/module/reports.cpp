@@ -116,6 +116,7 @@ Ref get_health_summary(Tracker& tracker) {
         checked(PyList_Append(answers, answer(tracker.module.names, tool, pacer)));
         pacer.step();
     }
+    free_aside(*tools);
     return answers;
 }
 

@@ -155,6 +155,8 @@ const Ref& member(const Ref& value, const char* name) {
 
 Ref repository(Tracker& tracker) { return member(tracker.repository, "_repo"); }
 
+Ref limits(Tracker& tracker) { return settings(tracker); }
+
 // The tables of the class. The interpreter keeps them.
 
 template <class Function>
@@ -177,12 +179,12 @@ PyType_Spec& type_spec() {
         PyMethodDef{},
     };
     static std::array properties{
-        property<settings>("limits", "The settings, as given to the constructor."),
+        property<limits>("limits", "The settings, as given to the constructor."),
         property<cooldown_s>("cooldown_s", "How many seconds a disabled tool stays disabled."),
         property<has_unsaved_changes>("has_unsaved_changes",
                                       "Whether flush() has anything to write."),
         property<repository>("_repo", "The repository, as given to the constructor."),
-        property<settings>("_limits", "The settings."),
+        property<limits>("_limits", "The settings."),
         kState,
         kDirty,
         kUsage,
@@ -223,7 +225,7 @@ PyType_Spec& type_spec() {
 
 Tracker& tracker_of(PyObject* self) { return as_object(self)->tracker; }
 
-Ref settings(Tracker& tracker) { return member(tracker.limits, "_limits"); }
+const Ref& settings(const Tracker& tracker) { return member(tracker.limits, "_limits"); }
 
 Ref database(Tracker& tracker) {
     return repository(tracker).attribute(tracker.module.names[Name::db]);

@@ -36,7 +36,7 @@ inline Tracker& owner_of(PyObject* self) {
 
 // The tracker's settings, and the attribute `db` of its repository. They raise an AttributeError
 // before __init__ has run.
-Ref settings(Tracker& tracker);
+const Ref& settings(const Tracker& tracker);
 Ref database(Tracker& tracker);
 
 // Makes the class for a module that is being loaded.

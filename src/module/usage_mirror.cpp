@@ -190,6 +190,7 @@ Ref make_document(std::span<const UsageEntry> entries) {
         const GilRelease others;
         std::memcpy(PyUnicode_1BYTE_DATA(text.get()), document.data(), document.size());
     }
+    free_aside(document);
     return text;
 }
 
@@ -200,7 +201,7 @@ void write_document(Tracker& tracker, std::span<const UsageEntry> entries) {
 }
 
 Ref flush_usage(Tracker& tracker) {
-    const auto entries =
+    auto entries =
         tracker.health.run_aside([](Health& health) { return health.usage.take_changes(); });
     if (!entries) {
         return to_python(Count{0});
@@ -208,7 +209,9 @@ Ref flush_usage(Tracker& tracker) {
     write_or_mark(
         [&] { write_document(tracker, *entries); },
         [&] { tracker.health.run([](Health& health) { health.usage.mark_changed(true); }); });
-    return to_python(static_cast<Count>(entries->size()));
+    const auto count = static_cast<Count>(entries->size());
+    free_aside(*entries);
+    return to_python(count);
 }
 
 }  // namespace health
