@@ -4,12 +4,13 @@ PYTHON := /usr/bin/python3
 MESON := /usr/bin/meson
 VENV := .venv
 SITE_PACKAGES := $(CURDIR)/$(VENV)/lib/python3.11/site-packages
-INSTALL_HERE := -Dpython.platlibdir="$(SITE_PACKAGES)" -Dpython.purelibdir="$(SITE_PACKAGES)"
+INSTALL_HERE := -Ddevelopment=true -Dpython.platlibdir="$(SITE_PACKAGES)" \
+	-Dpython.purelibdir="$(SITE_PACKAGES)"
 PLAY := $(VENV)/bin/python -P -m quillet --repository . --config examples/config.toml \
 	--database build/example.db
 
 # A build for `make check` is installed within itself, and loaded with its sanitizer's runtime.
-SETUP_CHECKED = $(MESON) setup -Dbuildtype=debugoptimized \
+SETUP_CHECKED = $(MESON) setup -Ddevelopment=true -Dbuildtype=debugoptimized \
 	-Dpython.platlibdir="$(CURDIR)/$(@D)/site" -Dpython.purelibdir="$(CURDIR)/$(@D)/site"
 INSTALL_CHECKED = ninja --quiet -C build/$(1) && $(MESON) install -C build/$(1) --only-changed --quiet
 CHECKED = PYTHONPATH=build/$(1)/site PYTHONMALLOC=malloc ASAN_OPTIONS=detect_leaks=0 \
