@@ -1,8 +1,12 @@
-"""The code in the documents, for tests to run as it stands."""
+"""The documents' code, for the tests that run it as it stands."""
 
 import re
+from pathlib import Path
+
+ROOT = Path(__file__).parent.parent
 
 
 def snippets(path, language):
-    """The texts of a Markdown file's fenced blocks in a language, in their order."""
-    return re.findall(rf"^```{language}\n(.*?)^```$", path.read_text(), re.MULTILINE | re.DOTALL)
+    """The fenced blocks in a language of one of the repository's documents, in order."""
+    text = (ROOT / path).read_text(encoding="utf-8")
+    return re.findall(rf"^```{language}\n(.*?)^```$", text, re.MULTILINE | re.DOTALL)

@@ -1,23 +1,16 @@
 """Tool health: which tools fail, which are disabled, and how all of them are used."""
 
 import logging
-from collections.abc import Mapping, Sequence
+from collections.abc import Callable, Mapping, Sequence
 from dataclasses import dataclass
 from typing import Any, Final, NotRequired, Protocol, TypeAlias, TypedDict
 
-logger: logging.Logger
-
-TOOL_USAGE_KEY: Final = "tool_usage"
-_SQLITE_TIMESTAMP: Final = "%Y-%m-%d %H:%M:%S"
-_TOOL_HEALTH_COLUMNS: Final = (
-    "tool_name, call_count, error_count, last_error, disabled_at, updated_at"
-)
-
-# The SQLite values that an edited row may hold instead of a text.
-_StoredText: TypeAlias = str | int | float | bytes | None
-_UsageKey: TypeAlias = tuple[str, str | None, str, bool]  # tool, action, outcome, alias_hit
+# Types alone, not in the module: what it is given. Their names have an underscore, as those of
+# the answers' types below.
 
 class _Database(Protocol):
+    """Synchronous; what a call has changed is durable when it returns. Rows go by position."""
+
     def fetchall(self, sql: str, /) -> Sequence[Sequence[Any]]: ...
     def fetchone(self, sql: str, parameters: tuple[Any, ...], /) -> Sequence[Any] | None: ...
     def execute(self, sql: str, parameters: tuple[Any, ...], /) -> object: ...
@@ -32,6 +25,202 @@ class _Limits(Protocol):
     def disable_after_errors(self) -> int: ...
     @property
     def disable_cooldown_s(self) -> float: ...
+
+class _ToolSpec(Protocol):
+    def action(self, name: Any, /) -> object:
+        """The entry of an action; None for what the tool lacks."""
+
+class _Tools(Protocol):
+    def get(self, tool: Any, /) -> _ToolSpec | None: ...
+
+class _TimingCollector(Protocol):
+    def get_all_stats(self) -> Sequence[Mapping[str, Any]]: ...
+
+class _ThreadCensus(Protocol):
+    @property
+    def os_threads(self) -> int | None: ...
+    @property
+    def python_total(self) -> int: ...
+    @property
+    def python_threads(self) -> Mapping[str, int]: ...
+
+# Types alone: the answers.
+
+# None, a text, or whatever else an edited row may hold.
+_StoredText: TypeAlias = str | int | float | bytes | None
+
+class _UsageRow(TypedDict):
+    """The calls of one action, outcome and use of a synonym; `avg_ms` is their mean time."""
+
+    action: str | None
+    outcome: str
+    alias_hit: bool
+    calls: int
+    avg_ms: float | None
+    slow: bool
+
+class _HealthRecord(TypedDict):
+    """One tool of `get_health_summary`; times are in UTC, "YYYY-MM-DD HH:MM:SS"."""
+
+    tool_name: str
+    call_count: int
+    error_count: int
+    last_error: _StoredText
+    disabled: bool
+    disabled_at: str | None
+    updated_at: str
+    usage: list[_UsageRow]
+
+class _ToolPerformance(TypedDict):
+    """One tool of `handle_get_tool_performance_stats`; the values are the collector's own."""
+
+    name: str
+    count: int
+    avg_ms: float
+    p95_ms: float
+    min_ms: float
+    max_ms: float
+    errors: int
+
+class _ToolPerformanceStats(TypedDict):
+    tools: list[_ToolPerformance]
+
+class _ThreadReport(TypedDict):
+    os: NotRequired[int]
+    python: int
+    python_by_name: dict[str, int]
+    budget: int
+    warning: NotRequired[str]
+
+# The module. First the daemon's own objects: found where the module is installed, unless set here.
+
+TOOLS: _Tools
+ToolsConfig: Callable[[], _Limits]
+is_slow_call: Callable[[str, str | None], bool]
+get_timing_collector: Callable[[], _TimingCollector]
+thread_census: Callable[[], _ThreadCensus]
+
+__version__: str
+logger: logging.Logger
+TOOL_USAGE_KEY: Final = "tool_usage"
+
+class ToolHealthTracker:
+    """The health of a repository's tools.
+
+    Counts every call, disables a tool that keeps failing and tries it again after a cooldown. The
+    state is kept in memory and mirrored into the repository's database. The constructor reads the
+    mirror and `flush` writes it; both may block. No other operation waits for the database, and
+    all may be called from any thread.
+    """
+
+    def __init__(self, repository: _Repository, limits: _Limits | None = None) -> None:
+        """Reads the history; one that cannot be read is logged as a warning and left out.
+
+        Args:
+            repository: its attribute `db` is the database connection.
+            limits: the settings, with `disable_after_errors` (a number of calls) and
+                `disable_cooldown_s` (seconds); a default ToolsConfig when None.
+
+        Raises OverflowError, TypeError or ValueError for a stored row that does not convert.
+        """
+    @property
+    def limits(self) -> _Limits:
+        """The settings, as given to the constructor."""
+    @property
+    def cooldown_s(self) -> float:
+        """How many seconds a disabled tool stays disabled."""
+    @property
+    def has_unsaved_changes(self) -> bool:
+        """Whether `flush` has anything to write."""
+    def record_call(
+        self,
+        tool_name: str,
+        action: str | None,
+        outcome: str,
+        *,
+        alias_hit: bool,
+        duration_ms: float | None,
+    ) -> None:
+        """Count a call under its tool, action, outcome and use of a synonym.
+
+        Args:
+            tool_name: the tool's name.
+            action: the action that ran, or None for a tool without actions.
+            outcome: how the call ended.
+            alias_hit: whether the call named a parameter or an action by a synonym.
+            duration_ms: how long the handler ran, in milliseconds, or None when it did not run or
+                did not answer.
+
+        Raises TypeError for a missing or wrong argument and then counts nothing.
+        """
+    def record_success(self, tool_name: str) -> None:
+        """Record a successful call: ends the tool's run of errors and enables it."""
+    def record_error(self, tool_name: str, error: str | None) -> None:
+        """Record a failed call. The first 500 characters of `error` are kept; None is empty.
+
+        The error that completes a run of `limits.disable_after_errors` disables the tool, and so
+        does each one after it: the cooldown counts from the latest.
+        """
+    def is_disabled(self, tool_name: str) -> tuple[bool, _StoredText]:
+        """Whether the tool is disabled: (False, None), or (True, its last error).
+
+        A disabled tool whose cooldown has passed is enabled by this call. A tool never seen is not
+        disabled.
+        """
+    def flush(self) -> int:
+        """Write what changed to the database, which blocks, and return the number of rows written.
+
+        Those are the changed tools' and, if any count changed, every row of the usage document. A
+        write that fails raises the database's error; what it was to write goes out with the next
+        flush.
+        """
+    def get_health_summary(self) -> list[_HealthRecord]:
+        """Every tool with its health and usage, new: most errors first, then most calls.
+
+        A tool's usage has most calls first. Whatever `is_slow_call` raises is passed on.
+        """
+    @property
+    def _repo(self) -> _Repository: ...
+    @property
+    def _limits(self) -> _Limits: ...
+    @property
+    def _state(self) -> dict[str, _ToolState]:
+        """A copy of the tools' states."""
+    @property
+    def _dirty(self) -> set[str]:
+        """A copy of the set of tools to be written."""
+    @property
+    def _usage(self) -> dict[_UsageKey, _Usage]:
+        """A copy of the counts."""
+    @property
+    def _usage_dirty(self) -> bool: ...
+    def _load(self) -> None: ...
+    def _load_usage(self) -> None: ...
+    def _flush_health(self) -> int: ...
+    def _flush_usage(self) -> int: ...
+
+def handle_get_tool_performance_stats() -> _ToolPerformanceStats:
+    """The performance metrics of all tools, in the timing collector's order and with its values.
+
+    Raises KeyError for a record of the collector's that lacks one of them.
+    """
+
+def thread_census_report(budget: int, census: _ThreadCensus | None = None) -> _ThreadReport:
+    """A report on the process's threads, with a warning when there are more than the budget.
+
+    Args:
+        budget: the most threads that the process's pools allow.
+        census: a ThreadCensus; one is taken now, which may block, when None.
+
+    `os`, the operating system's count, is left out where it has none. Raises AttributeError for a
+    census that lacks a field.
+    """
+
+_SQLITE_TIMESTAMP: Final = "%Y-%m-%d %H:%M:%S"
+_TOOL_HEALTH_COLUMNS: Final = (
+    "tool_name, call_count, error_count, last_error, disabled_at, updated_at"
+)
+_UsageKey: TypeAlias = tuple[str, str | None, str, bool]  # tool, action, outcome, alias_hit
 
 @dataclass
 class _ToolState:
@@ -52,120 +241,14 @@ class _Usage:
     timed_calls: int = 0
     total_ms: float = 0.0
 
-class UsageRow(TypedDict):
-    """The calls of one action, outcome and use of a synonym. Only a type: not in the module."""
-
-    action: str | None
-    outcome: str
-    alias_hit: bool
-    calls: int
-    avg_ms: float | None
-    slow: bool
-
-class HealthRecord(TypedDict):
-    """One tool of `get_health_summary`. Only a type: not in the module."""
-
-    tool_name: str
-    call_count: int
-    error_count: int
-    last_error: _StoredText
-    disabled: bool
-    disabled_at: str | None
-    updated_at: str
-    usage: list[UsageRow]
-
-class ToolPerformance(TypedDict):
-    """One tool of `handle_get_tool_performance_stats`. Only a type: not in the module.
-
-    The values are the timing collector's own.
-    """
-
-    name: str
-    count: int
-    avg_ms: float
-    p95_ms: float
-    min_ms: float
-    max_ms: float
-    errors: int
-
-class ToolPerformanceStats(TypedDict):
-    """The answer of `handle_get_tool_performance_stats`. Only a type: not in the module."""
-
-    tools: list[ToolPerformance]
-
-class ThreadReport(TypedDict):
-    """The answer of `thread_census_report`. Only a type: not in the module."""
-
-    os: NotRequired[int]
-    python: int
-    python_by_name: dict[str, int]
-    budget: int
-    warning: NotRequired[str]
-
-class _ThreadCensus(Protocol):
-    @property
-    def os_threads(self) -> int | None: ...
-    @property
-    def python_total(self) -> int: ...
-    @property
-    def python_threads(self) -> Mapping[str, int]: ...
-
-class ToolHealthTracker:
-    """The health of a repository's tools.
-
-    Counts every call, disables a tool that keeps failing and tries it again after a cooldown.
-    The constructor and `flush` may block on the database; nothing else waits for it.
-    """
-
-    def __init__(self, repository: _Repository, limits: _Limits | None = None) -> None: ...
-    @property
-    def limits(self) -> _Limits: ...
-    @property
-    def cooldown_s(self) -> float: ...
-    @property
-    def has_unsaved_changes(self) -> bool: ...
-    def record_call(
-        self,
-        tool_name: str,
-        action: str | None,
-        outcome: str,
-        *,
-        alias_hit: bool,
-        duration_ms: float | None,
-    ) -> None: ...
-    def record_success(self, tool_name: str) -> None: ...
-    def record_error(self, tool_name: str, error: str | None) -> None: ...
-    def is_disabled(self, tool_name: str) -> tuple[bool, _StoredText]: ...
-    def flush(self) -> int: ...
-    def get_health_summary(self) -> list[HealthRecord]: ...
-    @property
-    def _repo(self) -> _Repository: ...
-    @property
-    def _limits(self) -> _Limits: ...
-    @property
-    def _state(self) -> dict[str, _ToolState]: ...
-    @property
-    def _dirty(self) -> set[str]: ...
-    @property
-    def _usage(self) -> dict[_UsageKey, _Usage]: ...
-    @property
-    def _usage_dirty(self) -> bool: ...
-    def _load(self) -> None: ...
-    def _load_usage(self) -> None: ...
-    def _flush_health(self) -> int: ...
-    def _flush_usage(self) -> int: ...
-
 def _sqlite_time(epoch: float | None) -> str | None:
-    """The timestamp text, in UTC, of a time in epoch seconds."""
+    """The timestamp text, in UTC, of a time in epoch seconds.
+
+    Raises ValueError for a time outside the years 1 to 9999.
+    """
 
 def _epoch(text: str | None) -> float | None:
     """The epoch seconds of a timestamp text; None for one that cannot be read."""
 
 def _known(tool: object, action: object) -> bool:
     """Whether the registry has the tool and, unless `action` is None, that action."""
-
-def handle_get_tool_performance_stats() -> ToolPerformanceStats:
-    """The performance metrics of all tools, as the timing collector has them."""
-
-def thread_census_report(budget: int, census: _ThreadCensus | None = None) -> ThreadReport:
-    """A report on the process's threads, with a warning when there are more than the budget."""

@@ -1,0 +1,112 @@
+"""The documents' code runs as it stands and does what they say; so does the example's daemon."""
+
+import doctest
+import importlib.util
+import json
+import re
+import signal
+import sqlite3
+import subprocess
+import sys
+from pathlib import Path
+
+import pytest
+from documents import ROOT, snippets
+from quillet.tool_handlers import health
+
+GUIDE = "docs/integration.md"
+DAEMON = "import asyncio, harbord; harbord.FLUSH_PERIOD_S = 0.01; asyncio.run(harbord.main('db'))"
+
+
+@pytest.fixture
+def plain(tmp_path, monkeypatch):
+    """An empty folder, with the plain module and the example's daemon to be imported there."""
+    place = tmp_path / "plain"
+    place.mkdir()
+    (place / Path(health.__file__).name).symlink_to(health.__file__)
+    path = [str(place), str(ROOT / "examples" / "embedding")]
+    monkeypatch.setattr(sys, "path", path + sys.path)
+    monkeypatch.setenv("PYTHONPATH", ":".join(path))
+    (tmp_path / "work").mkdir()
+    monkeypatch.chdir(tmp_path / "work")
+    yield
+    for name in ("health", "harbord"):
+        sys.modules.pop(name, None)
+
+
+@pytest.mark.filterwarnings("ignore:coroutine")
+def test_the_guide_is_one_session(plain):
+    text = "\n".join(snippets(GUIDE, "pycon"))
+    session = doctest.DocTestParser().get_doctest(text, {}, "session", GUIDE, 0)
+    doctest.DebugRunner(optionflags=doctest.ELLIPSIS).run(session)
+    import harbord
+
+    [schema] = snippets(GUIDE, "sql")
+    assert schema.split() == harbord.SCHEMA.split()
+
+
+def test_the_guide_says_where_the_module_looks():
+    rows = re.findall(r"^\| `([\w.]*health)` \| `([\w.]+)` \|$", (ROOT / GUIDE).read_text(), re.M)
+    assert len(rows) == 6
+    for name, home in rows:
+        spec = importlib.util.spec_from_file_location(name, health.__file__)
+        module = importlib.util.module_from_spec(spec)
+        spec.loader.exec_module(module)
+        with pytest.MonkeyPatch.context() as patch:
+            patch.setitem(sys.modules, home, None)
+            with pytest.raises(ImportError, match=f"'ToolsConfig' from '{home}'"):
+                module.ToolHealthTracker(None)
+
+
+def test_the_readme(tmp_path):
+    (tmp_path / ".venv").symlink_to(Path(sys.prefix))
+    (tmp_path / "notes.txt").write_text("the cooldown\n")
+    [program], [printed] = snippets("README.md", "python"), snippets("README.md", "text")
+    run = subprocess.run(
+        [sys.executable, "-c", program], cwd=tmp_path, capture_output=True, text=True
+    )
+    assert run.stdout == printed, run.stderr
+    [call] = [block for block in snippets("README.md", "sh") if "echo" in block]
+    run = subprocess.run(call, shell=True, cwd=tmp_path, capture_output=True, text=True)
+    assert json.loads(run.stdout)["outcome"] == "ok", run.stderr
+    needed = re.search(r"Debian 12's packages (.*?);", (ROOT / "README.md").read_text(), re.S)[1]
+    packages = set(re.split(r",\s+|\s+and\s+", needed))
+    assert packages <= set((ROOT / "packages.txt").read_text().split())
+
+
+def test_the_example_daemon_saves_now_and_then_and_at_its_end(plain):
+    daemon = subprocess.Popen(
+        [sys.executable, "-c", DAEMON],
+        stdin=subprocess.PIPE,
+        stdout=subprocess.PIPE,
+        stderr=subprocess.PIPE,
+        text=True,
+        errors="surrogateescape",
+    )
+
+    def ask(*calls):
+        daemon.stdin.write("".join(call + "\n" for call in calls))
+        daemon.stdin.flush()
+        return [daemon.stdout.readline().split("[")[0].strip() for _ in calls]
+
+    assert ask("upper moin", "fly away") == ["MOIN", "no tool 'fly'"]
+    db = sqlite3.connect("db", isolation_level=None)
+    db.execute("ALTER TABLE tool_health RENAME TO moved")
+    assert ask("size .", "size \N{BELL}") == [str(Path().stat().st_size), "size failed:"]
+    assert "Could not save the tools' health" in daemon.stderr.readline()
+    db.execute("ALTER TABLE moved RENAME TO tool_health")
+    saved = "SELECT call_count FROM tool_health WHERE tool_name = 'size'"
+    while db.execute(saved).fetchall() != [(2,)]:
+        assert daemon.poll() is None
+    answers = ["size failed:", 'size is disabled: "', r"CAF\XE9"]
+    assert ask("size nowhere", "size .", "upper caf\udce9") == answers
+    daemon.send_signal(signal.SIGTERM)
+    assert daemon.wait() == 0, daemon.stderr.read()
+    rows = db.execute("SELECT tool_name, call_count, disabled_at IS NULL FROM tool_health")
+    assert sorted(rows) == [("size", 3, 0), ("upper", 2, 1)]
+    again = subprocess.run(
+        [sys.executable, "-c", DAEMON], input="size .\n", capture_output=True, text=True
+    )
+    assert again.stdout.startswith("size is disabled"), again.stderr
+    daemon.communicate()
+    db.close()

@@ -1,0 +1,76 @@
+"""The wheels, built and installed by the documents' commands; and the module's types."""
+
+import os
+import re
+import shutil
+import subprocess
+import sys
+import zipfile
+from pathlib import Path
+
+import pytest
+from documents import ROOT, snippets
+from quillet.tool_handlers import health
+
+GUIDE = "docs/integration.md"
+SUFFIX = ".cpython-311-x86_64-linux-gnu.so"
+USE = "print(ToolHealthTracker.__module__, __version__)"
+
+pytestmark = pytest.mark.skipif("LD_PRELOAD" in os.environ, reason="a build of its own is tested")
+
+
+def run(*command, **options):
+    options = {"check": True, "stdout": subprocess.PIPE, "text": True} | options
+    return subprocess.run(command, **options).stdout
+
+
+@pytest.mark.timeout(600)
+def test_wheels_are_built_installed_and_used_as_the_documents_say(tmp_path, monkeypatch):
+    monkeypatch.setenv("PIP_NO_INDEX", "1")
+    monkeypatch.delenv("PYTHONPATH", raising=False)
+    # Compiled once, quickly, for all three.
+    monkeypatch.setenv("PIP_CONFIG_SETTINGS", "builddir=build/compiled")
+    monkeypatch.setenv("CXXFLAGS", "-O0")
+    monkeypatch.chdir(tmp_path)
+    files = run("git", "ls-files", "-co", "--exclude-standard", cwd=ROOT).splitlines()
+    for file in files:
+        (tmp_path / file).parent.mkdir(parents=True, exist_ok=True)
+        shutil.copy2(ROOT / file, tmp_path / file)
+    run("git", "init", "--quiet")
+    run("git", "add", "--all")
+    (tmp_path / "build").mkdir()
+
+    commands = [*snippets("README.md", "sh"), *snippets(GUIDE, "sh")]
+    printed = [run(text, shell=True) for text in commands if "build/" in text]
+    assert printed[-1] == snippets(GUIDE, "text")[-1]
+    assert run("git", "ls-files", "--others", "--exclude-standard") == ""
+
+    for place, name, types in (
+        ("wheel", "quillet.tool_handlers.health", "quillet/tool_handlers/health.pyi"),
+        ("mydaemon", "mydaemon.tool_handlers.health", "mydaemon/tool_handlers/health.pyi"),
+        ("plain", "health", "health-stubs/__init__.pyi"),
+    ):
+        [wheel] = Path("build", place).iterdir()
+        python = Path("build", f"venv_{place}", "bin", "python")
+        run("/usr/bin/python3", "-m", "venv", "--without-pip", python.parent.parent)
+        run("/usr/bin/python3", "-m", "pip", "--python", python, "install", wheel)
+        extension = str(Path(*name.split(".")).with_suffix(SUFFIX))
+        held = {extension, types, str(Path(types).with_name("py.typed"))}
+        held -= {"health-stubs/py.typed"}
+        assert {n for n in zipfile.ZipFile(wheel).namelist() if ".dist-info/" not in n} == held
+        Path("user.py").write_text(f"from {name} import ToolHealthTracker, __version__\n{USE}")
+        version = wheel.name.split("-")[1]
+        assert run(python, "user.py").split() == [name, version]
+        run("mypy", "--strict", "--python-executable", python, "user.py")
+
+    site = Path("build/harbor/lib/python3.11/site-packages")
+    assert ".symtab" not in run("readelf", "-S", "--wide", site / f"health{SUFFIX}")
+    needed = run("readelf", "-d", site / f"health{SUFFIX}").split("(NEEDED)")[1:]
+    assert {re.search(r"\[lib(\w+)", line)[1] for line in needed} <= {"stdc", "m", "gcc_s", "c"}
+    Path("types_of_answers.py").write_text(snippets(GUIDE, "python")[-1])
+    typed = ("types_of_answers.py", "examples/embedding/harbord.py")
+    run("mypy", "--strict", "--python-executable", "build/harbor/bin/python", *typed)
+
+
+def test_the_stub_is_the_modules():
+    run(sys.executable, "-m", "mypy.stubtest", health.__name__, cwd=ROOT)
