@@ -15,7 +15,14 @@ from documents import ROOT, snippets
 from quillet.tool_handlers import health
 
 GUIDE = "docs/integration.md"
-DAEMON = "import asyncio, harbord; harbord.FLUSH_PERIOD_S = 0.01; asyncio.run(harbord.main('db'))"
+DAEMON = """
+import asyncio, harbord
+harbord.FLUSH_PERIOD_S = 0.01
+def odd(name):
+    raise ValueError("caf\\udce9")
+harbord.TOOLS["odd"] = harbord.Tool(odd)
+asyncio.run(harbord.main("db"))
+"""
 
 
 @pytest.fixture
@@ -98,12 +105,12 @@ def test_the_example_daemon_saves_now_and_then_and_at_its_end(plain):
     saved = "SELECT call_count FROM tool_health WHERE tool_name = 'size'"
     while db.execute(saved).fetchall() != [(2,)]:
         assert daemon.poll() is None
-    answers = ["size failed:", 'size is disabled: "', r"CAF\XE9"]
-    assert ask("size nowhere", "size .", "upper caf\udce9") == answers
+    answers = ["size failed:", 'size is disabled: "', r"CAF\XE9", r"odd failed: caf\udce9"]
+    assert ask("size nowhere", "size .", "upper caf\udce9", "odd one") == answers
     daemon.send_signal(signal.SIGTERM)
     assert daemon.wait() == 0, daemon.stderr.read()
     rows = db.execute("SELECT tool_name, call_count, disabled_at IS NULL FROM tool_health")
-    assert sorted(rows) == [("size", 3, 0), ("upper", 2, 1)]
+    assert sorted(rows) == [("odd", 1, 1), ("size", 3, 0), ("upper", 2, 1)]
     again = subprocess.run(
         [sys.executable, "-c", DAEMON], input="size .\n", capture_output=True, text=True
     )
