@@ -17,10 +17,11 @@ from quillet.tool_handlers import health
 
 def test_an_error_disables_at_its_own_time(tracker):
     t = tracker(errors=1)
-    before = time.time()
-    t.record_error("a", "x" * 600)
-    state = t._state["a"]
-    assert before <= state.disabled_at == state.updated_at <= time.time()
+    for _ in range(300):
+        before = time.time()
+        t.record_error("a", "x" * 600)
+        state = t._state["a"]
+        assert before <= state.disabled_at == state.updated_at <= time.time()
     assert t.is_disabled("a") == (True, "x" * 500)
     t.record_error("a", None)
     assert t.is_disabled("a") == (True, "")
