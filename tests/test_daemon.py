@@ -71,7 +71,7 @@ def test_calls_from_a_loop_do_not_wait_for_the_database(tmp_path, monkeypatch):
 
 def play(root, lines, *options):
     run = subprocess.run(
-        [sys.executable, "-m", "quillet", "--repository", root, *options],
+        [sys.executable, "-P", "-m", "quillet", "--repository", root, *options],
         input="\n".join(lines), capture_output=True, text=True,
     )  # fmt: skip
     return run.returncode, [json.loads(line) for line in run.stdout.splitlines()], run.stderr
@@ -104,6 +104,7 @@ def test_a_tool_fails_is_disabled_comes_back_and_is_remembered(tmp_path):
         ("[tools]\nx = 1", "tools.x"), ("[tools]\ndisable_after_errors = true", "whole number"),
         ("[tools]\ndisable_after_errors = 1.5", "disable_after_errors"),
         ("[tools]\ndisable_cooldown_s = -1", "negative"), ("tools = 1", "table"), ("[", "toml: Invalid"),
+        ("[index]", "index"), ("a = " + "[" * 9999, "recursion"),
         ("[tools]\ndisable_cooldown_s = inf", "finite"), ("[tools]\ndisable_cooldown_s = '1'", "number"),
     ],  # fmt: skip
 )

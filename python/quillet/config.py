@@ -15,7 +15,7 @@ class ToolsConfig:
     disable_cooldown_s: float = 300.0
 
 
-_KINDS = {
+_KINDS: dict[str, tuple[Any, str]] = {
     "disable_after_errors": (int, "a whole number"),
     "disable_cooldown_s": (int | float, "a number"),
 }
@@ -24,15 +24,18 @@ _KINDS = {
 def read_tools_config(path: Path) -> ToolsConfig:
     """The settings in the file's [tools] table; a ValueError says what is wrong with them."""
     try:
-        table = tomllib.loads(path.read_text(encoding="utf-8")).get("tools", {})
+        tables = tomllib.loads(path.read_text(encoding="utf-8"))
+        table = tables.pop("tools", {})
+        if tables:
+            raise ValueError(f"{', '.join(tables)} is not a setting, only the table [tools] is")
         if not isinstance(table, dict):
             raise ValueError("tools must be a table")
         return ToolsConfig(**{key: _checked(key, value) for key, value in table.items()})
-    except ValueError as error:
+    except (ValueError, RecursionError) as error:
         raise ValueError(f"{path}: {error}") from error
 
 
-def _checked(key: str, value: Any) -> int | float:
+def _checked(key: str, value: Any) -> Any:
     if key not in _KINDS:
         raise ValueError(f"tools.{key} is not a setting, only {' and '.join(_KINDS)} are")
     kind, description = _KINDS[key]
