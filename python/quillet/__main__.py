@@ -1,85 +1,98 @@
-"""Plays tool calls from a file or standard input to the daemon, one JSON line each."""
+"""Serves tool calls from a file or standard input, one JSON line each."""
 
 import argparse
-import asyncio
 import os
+import signal
 import sqlite3
 import sys
-import time
-from collections.abc import Iterable
+import threading
 from contextlib import ExitStack
-from pathlib import Path
+from io import TextIOWrapper
+from queue import SimpleQueue
+from typing import TextIO
 
 from quillet import stored_status
-from quillet.call_lines import parse_line
 from quillet.config import ToolsConfig, read_tools_config
 from quillet.daemon.flusher import Flusher
 from quillet.daemon.tool_pipeline import ToolPipeline
-from quillet.rendering import as_heading, as_json, as_text
+from quillet.diagnostics import complain, log_to_standard_error
+from quillet.options import parse_options
+from quillet.player import Player
 from quillet.repository import Repository
+from quillet.stored_health import read_stored_health
 from quillet.tool_handlers.health import ToolHealthTracker
 
 
 def main() -> int:
-    """The program; returns its exit status: 1 when a line was no call, 2 when it cannot start."""
+    """The program; returns its exit status, as `--help` lists them."""
+    log_to_standard_error()
+    if not isinstance(sys.stdout, TextIOWrapper):
+        complain("standard output is closed")
+        return 2
     sys.stdout.reconfigure(errors="backslashreplace")
     if sys.argv[1:2] == ["status"]:
         return stored_status.main(sys.argv[2:])
-    options = _options()
+    options = parse_options(sys.argv[1:])
     with ExitStack() as stack:
         try:
             config = read_tools_config(options.config) if options.config else ToolsConfig()
-            # As in file names, bytes that are not UTF-8 come through unharmed.
-            source = open(options.calls or 0, encoding="utf-8", errors="surrogateescape")
-            lines = stack.enter_context(source)
+            lines = _open(options)
             repository = stack.enter_context(Repository(options.repository, options.database))
-            tracker = ToolHealthTracker(repository, config)
+            tracker = _start_tracker(repository, config)
         except (OSError, ValueError, TypeError, OverflowError, sqlite3.Error) as error:
-            print(f"quillet: {error}", file=sys.stderr)
+            complain(error)
             return 2
-        stack.enter_context(Flusher(tracker))
-        pipeline = stack.enter_context(ToolPipeline(repository, tracker))
-        return _play(lines, pipeline, options.text or sys.stdout.isatty())
+        flusher = stack.enter_context(Flusher(tracker))
+        player = Player(ToolPipeline(repository, tracker), options.text or sys.stdout.isatty())
+        status = _play_until_signal(player, lines)
+    return status if flusher.saved else 3
 
 
-def _options() -> argparse.Namespace:
-    parser = argparse.ArgumentParser(prog="quillet", description=__doc__)
-    parser.add_argument("--repository", type=Path, required=True, help="the folder to serve")
-    parser.add_argument("--database", type=Path, help="its database, if not in the folder itself")
-    parser.add_argument("--config", type=Path, help="a TOML file with a [tools] table")
-    parser.add_argument("--text", action="store_true", help="text also where no terminal reads it")
-    parser.add_argument("calls", type=Path, nargs="?", help="the calls, if not on standard input")
-    return parser.parse_args()
+def _open(options: argparse.Namespace) -> TextIO:
+    """The calls. They are not closed, as a thread may be reading them when the program ends."""
+    # As in file names, bytes that are not UTF-8 come through unharmed.
+    lines = open(options.calls or 0, encoding="utf-8", errors="surrogateescape")
+    if lines.isatty():
+        complain("waiting for calls, a line each; --help shows their form, Ctrl-D ends")
+    return lines
 
 
-def _play(lines: Iterable[str], pipeline: ToolPipeline, text_wanted: bool) -> int:
-    show = as_text if text_wanted else as_json
-    status = 0
-    with asyncio.Runner() as runner:
-        for number, text in enumerate(lines, 1):
-            try:
-                line = parse_line(text)
-            except ValueError as error:
-                print(f"quillet: line {number}: {error}", file=sys.stderr)
-                status = 1
-                continue
-            match line:
-                case {"wait_s": seconds}:
-                    time.sleep(seconds)
-                case {"tool": tool, "arguments": arguments}:
-                    answer = runner.run(pipeline.call(tool, arguments))
-                    print(show(number, tool, answer), flush=True)
-                case None if show is as_text:
-                    print(as_heading(text), flush=True)
+def _start_tracker(repository: Repository, config: ToolsConfig) -> ToolHealthTracker:
+    try:
+        return ToolHealthTracker(repository, config)
+    except (ValueError, TypeError, OverflowError) as error:
+        _, damaged = read_stored_health(repository.db.path, config)
+        advice = "correct or delete these rows and start again"
+        raise ValueError("\n  ".join([f"{repository.db.path}: {advice}", *damaged])) from error
+
+
+def _play_until_signal(player: Player, lines: TextIO) -> int:
+    """The exit status: of the played lines, or of the signal that came first.
+
+    Signals that come later change nothing, so that what follows is not cut short.
+    """
+    ended: SimpleQueue[int] = SimpleQueue()
+    for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+        if signal.getsignal(number) is not signal.SIG_IGN:  # as nohup has it
+            signal.signal(number, lambda number, _: ended.put(128 + number))
+    play = threading.Thread(
+        target=lambda: ended.put(0 if player.play(lines) else 1), name="player", daemon=True
+    )
+    play.start()
+    status = ended.get()
+    player.stop()
     return status
 
 
 if __name__ == "__main__":
     try:
-        sys.exit(main())
+        status = main()
+        if sys.stdout:
+            sys.stdout.flush()
     except KeyboardInterrupt:
-        sys.exit(130)
-    except BrokenPipeError:
-        # Nobody reads on; the interpreter's own last flush must not complain of it either.
-        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
-        sys.exit(1)
+        status = 130
+    except OSError as error:
+        complain(f"standard output: {error}")
+        status = 1
+    # Threads may still be reading lines or running a handler: nothing waits for these.
+    os._exit(status)

@@ -12,9 +12,13 @@ logger = logging.getLogger(__name__)
 
 
 class Flusher:
-    """Flushes a tracker now and then while it is entered, and once more when it is left."""
+    """Flushes a tracker now and then while it is entered, and once more when it is left.
+
+    `saved` says how the latest time ended.
+    """
 
     def __init__(self, tracker: ToolHealthTracker) -> None:
+        self.saved = True
         self._tracker = tracker
         self._stop = threading.Event()
         self._thread = threading.Thread(target=self._work, name="flusher")
@@ -33,9 +37,10 @@ class Flusher:
         self._flush()
 
     def _flush(self) -> None:
-        if not self._tracker.has_unsaved_changes:
-            return
         try:
-            self._tracker.flush()
+            if self._tracker.has_unsaved_changes:
+                self._tracker.flush()
+            self.saved = True
         except Exception as error:
+            self.saved = False
             logger.warning("Could not save the tool health this time: %s", error)

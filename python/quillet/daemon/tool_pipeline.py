@@ -16,7 +16,7 @@ from quillet.tool_schemas import argument_problem
 from quillet.utils.timing import get_timing_collector
 
 HANDLER_THREADS = 4
-THREAD_BUDGET = HANDLER_THREADS + 2  # the main thread and the flusher's
+THREAD_BUDGET = HANDLER_THREADS + 3  # the main thread, the player's and the flusher's
 
 
 class Outcome(StrEnum):
