@@ -3,6 +3,7 @@
 import fcntl
 import sqlite3
 import threading
+import time
 from collections.abc import Iterator, Sequence
 from contextlib import contextmanager
 from functools import partial
@@ -10,6 +11,7 @@ from pathlib import Path
 from typing import Any, TextIO
 
 BUSY_TIMEOUT_S = 10
+CLAIM_TIMEOUT_S = 1.0  # for a daemon that is just ending
 ESCAPED = "backslashreplace"  # what is not UTF-8
 SCHEMA = """
     PRAGMA journal_mode = WAL;
@@ -89,12 +91,16 @@ def _claim(path: Path) -> TextIO:
     It is never removed: two daemons would each hold a file of that name.
     """
     file = open(f"{path}.lock", "w", encoding="utf-8")
-    try:
-        fcntl.flock(file, fcntl.LOCK_EX | fcntl.LOCK_NB)
-    except BlockingIOError:
-        file.close()
-        raise BlockingIOError(f"{path}: another daemon is using it") from None
-    return file
+    deadline = time.monotonic() + CLAIM_TIMEOUT_S
+    while True:
+        try:
+            fcntl.flock(file, fcntl.LOCK_EX | fcntl.LOCK_NB)
+            return file
+        except BlockingIOError:
+            if time.monotonic() > deadline:
+                file.close()
+                raise BlockingIOError(f"{path}: another daemon is using it") from None
+        time.sleep(CLAIM_TIMEOUT_S / 20)
 
 
 def _identity(path: Path) -> tuple[int, int] | None:
