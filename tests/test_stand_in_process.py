@@ -8,10 +8,13 @@ import sqlite3
 import subprocess
 import sys
 import time
+from io import StringIO
+from types import SimpleNamespace
 
 import pytest
 from quillet.config import ToolsConfig
 from quillet.daemon import flusher
+from quillet.player import Player
 from quillet.repository import Repository
 from quillet.tool_handlers import health
 
@@ -34,8 +37,8 @@ def start(database):
     """Starts the program in a shell, with redirections if need be; killed in the end."""
     started = []
 
-    def start(repository=".", shell="", **streams):
-        program = f"exec '{sys.executable}' -P -m quillet --repository {repository}"
+    def start(repository=".", shell="", before="", **streams):
+        program = f"{before} exec '{sys.executable}' -P -m quillet --repository {repository}"
         command = f"{program} --database '{database}' {shell}"
         pipes = dict.fromkeys(("stdin", "stdout", "stderr"), subprocess.PIPE) | streams
         started.append(subprocess.Popen(["bash", "-c", command], text=True, **pipes))
@@ -89,6 +92,27 @@ def test_closed_and_full_streams(start, shell, status, answers, said):
     assert process.returncode == status
     assert [json.loads(line)["line"] for line in out.splitlines()] == [1, 3][:answers]
     assert said in errors and "Traceback" not in errors
+
+
+def test_it_outlives_its_terminal_but_not_its_reader(start):
+    reader, answers = os.pipe()
+    process = start(before="trap '' HUP;", stdout=answers)
+    os.close(answers)
+    process.stdin.write(THREADS)
+    process.stdin.flush()
+    assert os.read(reader, 1) == b"{"
+    process.send_signal(signal.SIGHUP)
+    os.close(reader)
+    assert process.communicate(THREADS, timeout=20)[1] == ""
+    assert process.returncode == 1
+
+
+def test_no_line_ends_it(capsys):
+    async def call(tool, arguments):
+        raise RecursionError("too deep")
+
+    assert not Player(SimpleNamespace(call=call), False).play(StringIO(THREADS * 2))
+    assert capsys.readouterr().err == "quillet: line 1: too deep\nquillet: line 2: too deep\n"
 
 
 def test_a_line_is_refused_before_it_ends(start):
