@@ -2,6 +2,7 @@
 
 from collections.abc import Mapping
 from dataclasses import dataclass
+from reprlib import repr as shortened
 from typing import Any
 
 from quillet.tool_registry import TOOLS, Handler, ToolSpec
@@ -26,7 +27,7 @@ def resolve(tool: str, given: Mapping[str, Any]) -> ToolCall:
     """The call that an agent's arguments, the action among them, make of a tool."""
     spec = TOOLS.get(tool)
     if spec is None:
-        raise UnclearCall(f"there is no tool {tool!r}, only: {', '.join(TOOLS)}")
+        raise UnclearCall(f"there is no tool {shortened(tool)}, only: {', '.join(TOOLS)}")
     arguments = {spec.parameter_synonyms.get(name, name): given[name] for name in given}
     if len(arguments) < len(given):
         raise UnclearCall("a parameter is given under two names")
@@ -35,9 +36,13 @@ def resolve(tool: str, given: Mapping[str, Any]) -> ToolCall:
     action = spec.action_synonyms.get(named, named) if isinstance(named, str) else named
     handler = spec.handlers.get(None) if action is None else spec.action(action)
     if handler is None:
-        raise UnclearCall(f"{tool} has {_actions(spec)}, not {named!r}")
+        raise UnclearCall(f"{tool} has {_actions(spec)}, not {shortened(named)}")
     return ToolCall(tool, action, handler, arguments, alias_hit or action != named)
 
 
 def _actions(spec: ToolSpec) -> str:
-    return "no actions" if None in spec.handlers else f"the actions {', '.join(spec.handlers)}"
+    return (
+        "no actions"
+        if None in spec.handlers
+        else f"the actions {', '.join(filter(None, spec.handlers))}"
+    )

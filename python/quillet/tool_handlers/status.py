@@ -1,5 +1,6 @@
 """The tools that tell the agent how the daemon itself fares."""
 
+from collections.abc import Mapping
 from typing import Any
 
 from quillet.tool_handlers import health
@@ -16,11 +17,11 @@ def perf_stats(context: ToolContext) -> dict[str, Any]:
     }
 
 
-def threads(context: ToolContext) -> dict[str, Any]:
+def threads(context: ToolContext) -> Mapping[str, Any]:
     """The process's threads against the most that the pools allow."""
     return health.thread_census_report(context.thread_budget, thread_census())
 
 
-def tool_performance_stats(context: ToolContext) -> dict[str, Any]:
+def tool_performance_stats(context: ToolContext) -> Mapping[str, Any]:
     """The times that the tools took in this process."""
     return health.handle_get_tool_performance_stats()
