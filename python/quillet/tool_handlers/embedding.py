@@ -30,5 +30,10 @@ def _start_team() -> ThreadPoolExecutor:
     size = min(allowed or OWN_TEAM_SIZE, MAX_TEAM_SIZE)
     team = ThreadPoolExecutor(size, thread_name_prefix="embedding")
     all_started = threading.Barrier(size)
-    list(team.map(lambda _: all_started.wait(), range(size)))
+    try:
+        list(team.map(lambda _: all_started.wait(), range(size)))
+    except RuntimeError:  # the system has no thread left: those that wait for it are let go
+        all_started.abort()
+        team.shutdown(cancel_futures=True)
+        raise
     return team
