@@ -8,6 +8,7 @@ from dataclasses import dataclass
 from enum import StrEnum
 from typing import Any, Self
 
+from quillet.daemon.disabled_tools import DisabledTools
 from quillet.daemon.tool_calls import ToolCall, UnclearCall, resolve
 from quillet.repository import Repository
 from quillet.tool_handlers.context import ToolContext
@@ -17,6 +18,7 @@ from quillet.utils.timing import get_timing_collector
 
 HANDLER_THREADS = 4
 THREAD_BUDGET = HANDLER_THREADS + 3  # the main thread, the player's and the flusher's
+MAX_ERROR_CHARS = 500  # as many as are remembered
 
 
 class Outcome(StrEnum):
@@ -39,55 +41,69 @@ class Answer:
 
 
 class ToolPipeline:
-    """One repository's calls: health is asked and told on the loop, handlers run in threads."""
+    """One repository's calls: the loop asks whether a tool is disabled, threads run the handlers.
+
+    Its methods are for the loop's thread, but for `stop`.
+    """
 
     def __init__(self, repository: Repository, tracker: ToolHealthTracker) -> None:
         self._tracker = tracker
+        self._disabled_tools = DisabledTools(tracker)
         self._context = ToolContext(repository.root, tracker, THREAD_BUDGET)
         self._handlers = ThreadPoolExecutor(HANDLER_THREADS, thread_name_prefix="tool")
 
     def __enter__(self) -> Self:
         return self
 
-    def __exit__(self, *_: object) -> None:
+    def __exit__(self, kind: type[BaseException] | None, *_: object) -> None:
+        if kind is not None:
+            self.stop()
         self._handlers.shutdown(cancel_futures=True)
 
+    def stop(self) -> None:
+        """Asks the running handlers to end soon: their calls are cancelled, and not recorded.
+
+        Any thread and any signal handler may call it.
+        """
+        self._context.stopping = True
+
     async def call(self, tool: str, arguments: Mapping[str, Any]) -> Answer:
-        """Runs one call. What an agent makes up is not recorded, so it cannot fill the memory."""
+        """Runs one call. What an agent makes up is not recorded, so it cannot fill the memory.
+
+        A call that is cancelled while its handler runs is recorded when that ends.
+        """
         try:
             call = resolve(tool, arguments)
         except UnclearCall as error:
             return Answer(Outcome.INVALID, None, None, str(error))
         disabled, last_error = self._tracker.is_disabled(tool)
         if disabled:
-            again = f"it is tried again {self._tracker.cooldown_s:g} s after its last error"
-            text = f"{tool} kept failing and is disabled; {again}: {last_error or 'unknown'}"
+            text = self._disabled_tools.answer(tool, last_error)
             return self._ended(call, Outcome.DISABLED, text)
+        self._disabled_tools.is_back(tool, "its cooldown has passed")
         problem = argument_problem(call.handler, call.arguments)
         if problem:
             return self._ended(call, Outcome.INVALID, problem)
-        # A call that is cancelled runs on, and is reported like any other.
-        return await asyncio.shield(self._run(call))
-
-    async def _run(self, call: ToolCall) -> Answer:
         loop = asyncio.get_running_loop()
-        content, error, elapsed_ms = await loop.run_in_executor(self._handlers, self._handle, call)
-        get_timing_collector().record(call.tool, elapsed_ms, error=error is not None)
-        if error is not None:
-            text = f"{type(error).__name__}: {error}"
-            self._tracker.record_error(call.tool, text)
-            return self._ended(call, Outcome.ERROR, text)
-        self._tracker.record_success(call.tool)
-        return self._ended(call, Outcome.OK, content, elapsed_ms)
+        return await loop.run_in_executor(self._handlers, self._run, call)
 
-    def _handle(self, call: ToolCall) -> tuple[Any, Exception | None, float]:
+    def _run(self, call: ToolCall) -> Answer:
+        """Runs the handler and records how it ended, whether or not the loop still waits for it."""
         content, failure = None, None
         started = time.perf_counter()
         try:
             content = call.handler(self._context, **call.arguments)
         except Exception as error:
-            failure = error
-        return content, failure, (time.perf_counter() - started) * 1000
+            failure = f"{type(error).__name__}: {error}"[:MAX_ERROR_CHARS]
+        elapsed_ms = (time.perf_counter() - started) * 1000
+        get_timing_collector().record(call.tool, elapsed_ms, error=failure is not None)
+        if failure is not None:
+            self._tracker.record_error(call.tool, failure)
+            self._disabled_tools.failed(call.tool)
+            return self._ended(call, Outcome.ERROR, failure)
+        self._tracker.record_success(call.tool)
+        self._disabled_tools.is_back(call.tool, "a call of it succeeded")
+        return self._ended(call, Outcome.OK, content, elapsed_ms)
 
     def _ended(
         self, call: ToolCall, outcome: Outcome, content: Any, duration_ms: float | None = None
