@@ -41,8 +41,5 @@ def resolve(tool: str, given: Mapping[str, Any]) -> ToolCall:
 
 
 def _actions(spec: ToolSpec) -> str:
-    return (
-        "no actions"
-        if None in spec.handlers
-        else f"the actions {', '.join(filter(None, spec.handlers))}"
-    )
+    names = ", ".join(name for name in spec.handlers if name)
+    return f"the actions {names}" if names else "no actions"
