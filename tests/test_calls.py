@@ -1,6 +1,7 @@
 """The stand-in's calls: what agents may ask for, and how each call ends."""
 
 import asyncio
+import math
 import re
 import threading
 import time
@@ -8,6 +9,7 @@ from types import SimpleNamespace
 
 import pytest
 from quillet.daemon.tool_pipeline import ToolPipeline
+from quillet.rendering import as_json
 from quillet.repository import Repository
 from quillet.tool_handlers import files, health
 from quillet.utils.process import thread_census
@@ -84,6 +86,17 @@ def test_all_files_of_the_repository_are_read_and_no_others(pipeline, daemon, tm
     assert all(answer.content.startswith("PermissionError: ") for answer in refused)
     assert len(refused[-1].content) == 500
     assert [len(match["path"]) for match in found.content["matches"]] == [5, 3005]
+
+
+def test_every_stored_value_and_cooldown_can_be_shown(pipeline, daemon):
+    daemon.limits.disable_cooldown_s = math.nan
+    with pipeline:
+        health_answer, disabled = play(
+            pipeline, ("status", {"action": "perf_stats"}), ("count_lines", {})
+        )
+    shown = as_json(1, "status", health_answer)
+    assert r"caf\\xe9" in shown and '"cooldown_s": null' in shown
+    assert disabled.content.endswith(r"it is not tried again; last error: caf\xe9")
 
 
 def test_embed_text_ends_without_a_thread_and_works_again(pipeline, monkeypatch):

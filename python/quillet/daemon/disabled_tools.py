@@ -21,7 +21,7 @@ class DisabledTools:
         again = self._next_try(tool)
         if again and tool not in self._logged:
             self._logged.add(tool)
-            logger.warning("%s kept failing and is disabled; it is tried again %s", tool, again)
+            logger.warning("%s kept failing and is disabled; %s", tool, again)
 
     def is_back(self, tool: str, why: str) -> None:
         """Logs it when a tool that may be called was disabled before."""
@@ -35,12 +35,10 @@ class DisabledTools:
             last_error = last_error.decode("utf-8", "backslashreplace")
         error = "unknown" if last_error is None else last_error
         again = self._next_try(tool)
-        return (
-            f"{tool} kept failing and is disabled; it is tried again {again}; last error: {error}"
-        )
+        return f"{tool} kept failing and is disabled; {again}; last error: {error}"
 
     def _next_try(self, tool: str) -> str | None:
-        """When a disabled tool is tried again; None for another.
+        """That a disabled tool is tried again, and when; None for another.
 
         The summary has at most as many records as the registry has tools, so that looking through
         it does not hold up the event loop.
@@ -50,5 +48,7 @@ class DisabledTools:
                 # The time's fraction is cut off; a second more, and the moment is never too early.
                 cooldown_s = self._tracker.cooldown_s + 1
                 moment, seconds = next_try(record["disabled_at"], cooldown_s)
-                return f"at {moment} UTC, in {seconds} s" if moment else "never"
+                if moment is None:
+                    return "it is not tried again"
+                return f"it is tried again at {moment} UTC, in {seconds} s"
         return None
