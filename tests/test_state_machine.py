@@ -1,6 +1,7 @@
 """The tracker against the plain class of bench/: random calls, flushes, failures and restarts."""
 
 import json
+import tempfile
 import time
 from contextlib import contextmanager
 from dataclasses import astuple
@@ -33,9 +34,10 @@ def spoil(document):
 class Life:
     """A tracker and a plain one, each with a database of its own, to which the same happens."""
 
-    def __init__(self, random, monkeypatch):
+    def __init__(self, random, monkeypatch, folder):
         self.choice, self.monkeypatch = random.choice, monkeypatch
-        self.repositories = [SpyRepository(Repository(Path(), Path(":memory:"))) for _ in range(2)]
+        folders = [Path(tempfile.mkdtemp(dir=folder)) for _ in range(2)]
+        self.repositories = [SpyRepository(Repository(folder)) for folder in folders]
         self.settings = SimpleNamespace(disable_after_errors=self.choice([0, 1, 2, 3]))
         self.asked = [], []
         monkeypatch.setattr(health, "is_slow_call", self.is_slow_call(0))
@@ -70,7 +72,7 @@ class Life:
 
     def both(self, operation, *args, **kwargs):
         print(operation, args, kwargs)
-        self.begun = time.time()  # the two clocks' last digits may differ
+        self.begun = time.time()
         outcomes = []
         for tracker in self.trackers:
             try:
@@ -129,9 +131,9 @@ OPERATIONS = 4 * [Life.fail] + 3 * [Life.ask, Life.count] + [Life.succeed, Life.
 
 @settings(max_examples=100, deadline=None, suppress_health_check=list(HealthCheck))
 @given(seed=st.integers(0, 2**32))
-def test_any_sequence_of_operations(monkeypatch, seed):
+def test_any_sequence_of_operations(tmp_path, monkeypatch, seed):
     random = Random(seed)
-    life = Life(random, monkeypatch)
+    life = Life(random, monkeypatch, tmp_path)
     for _ in range(60):
         random.choice(OPERATIONS)(life)
         assert life.seen(0) == life.seen(1)
