@@ -21,7 +21,7 @@ struct HashedText {
     bool operator==(const HashedText& other) const { return text == other.text; }
 
     std::string_view text;
-    std::size_t hash;
+    std::size_t hash = 0;
 };
 
 struct TextHash {

@@ -48,18 +48,20 @@ bool is_in_order(const Signature<Size>& signature, const Names& names, const Cal
     return true;
 }
 
+template <std::size_t Size>
+constexpr auto keyword_texts(const Signature<Size>& signature) {
+    std::array<const char*, Size + 1> texts{};  // a null pointer last
+    std::transform(signature.parameters.begin(), signature.parameters.end(), texts.begin(), text);
+    return texts;
+}
+
 // Binds any other call, its named arguments in a dict or, with their names in a tuple, after the
 // others.
 template <const auto& kSignature>
 auto bind_otherwise(PyObject* const* arguments, std::size_t positional, PyObject* dict,
                     PyObject* keywords) {
     constexpr auto kSize = kSignature.parameters.size();
-    static constexpr auto kKeywords = [] {
-        std::array<const char*, kSize + 1> texts{};  // a null pointer last
-        std::transform(kSignature.parameters.begin(), kSignature.parameters.end(), texts.begin(),
-                       text);
-        return texts;
-    }();
+    static constexpr auto kKeywords = keyword_texts(kSignature);
     static _PyArg_Parser parser{nullptr, kKeywords.data(), kSignature.function, nullptr, 0, 0, 0,
                                 nullptr, nullptr};
     Arguments<kSize> bound{};

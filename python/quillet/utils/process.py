@@ -33,6 +33,7 @@ def _os_threads() -> int | None:
     if psutil is None:
         return None
     try:
-        return psutil.Process().num_threads()
+        count: int = psutil.Process().num_threads()
+        return count
     except psutil.Error:
         return None
