@@ -34,7 +34,7 @@ class DisabledTools:
         if isinstance(last_error, bytes):  # as an edited database may have it
             last_error = last_error.decode("utf-8", "backslashreplace")
         error = "unknown" if last_error is None else last_error
-        again = self._next_try(tool)
+        again = self._next_try(tool) or "it is back by now"
         return f"{tool} kept failing and is disabled; {again}; last error: {error}"
 
     def _next_try(self, tool: str) -> str | None:
