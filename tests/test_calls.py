@@ -162,11 +162,3 @@ def test_a_cancelled_call_is_recorded_when_its_handler_ends(pipeline, daemon, mo
         daemon.go.set()
     assert daemon.tracker._state["search_text"].call_count == 1
     assert [usage.timed_calls for usage in daemon.tracker._usage.values()] == [1]
-
-
-def test_an_endless_search_ends_with_the_daemon(pipeline, daemon, monkeypatch):
-    monkeypatch.setattr(files, "_entries", lambda folder: daemon.begun.set() or [folder])
-    with pytest.raises(KeyboardInterrupt), pipeline:
-        asyncio.run(begin(pipeline, daemon))
-        raise KeyboardInterrupt
-    assert "search_text" not in daemon.tracker._state

@@ -1,3 +1,1 @@
 """A stand-in for the daemon around the tool-health component: just enough to serve real calls."""
-
-__version__ = "1.0.0"

@@ -5,9 +5,9 @@ import inspect
 from collections.abc import Sequence
 from pathlib import Path
 
-from quillet import __version__
 from quillet.call_lines import CALL_FORM, MAX_LINE_CHARS, WAIT_FORM
 from quillet.repository import DATABASE
+from quillet.tool_handlers.health import __version__
 from quillet.tool_registry import TOOLS, Handler
 
 LINES = f"""\

@@ -214,7 +214,7 @@ Ref flush_usage(Tracker& tracker) {
     return to_python(count);
 }
 
-}  // namespace health
+}  // namespace
 
 const char* const kUsageDocumentKey = "tool_usage";
 

@@ -17,7 +17,8 @@ namespace health {
 // object keeps. Valid as long as the object.
 class Text : public HashedText {
 public:
-    explicit Text(PyObject* object) : HashedText{{}, hash_of(object)} {
+    explicit Text(PyObject* object) {
+        hash = hash_of(object);
         if (PyUnicode_IS_COMPACT_ASCII(object)) {
             text = {static_cast<const char*>(PyUnicode_DATA(object)),
                     static_cast<std::size_t>(PyUnicode_GET_LENGTH(object))};

@@ -41,10 +41,7 @@ class Answer:
 
 
 class ToolPipeline:
-    """One repository's calls: the loop asks whether a tool is disabled, threads run the handlers.
-
-    Its methods are for the loop's thread, but for `stop`.
-    """
+    """One repository's calls: the loop asks whether a tool is disabled, threads run the handlers."""
 
     def __init__(self, repository: Repository, tracker: ToolHealthTracker) -> None:
         self._tracker = tracker
@@ -55,17 +52,8 @@ class ToolPipeline:
     def __enter__(self) -> Self:
         return self
 
-    def __exit__(self, kind: type[BaseException] | None, *_: object) -> None:
-        if kind is not None:
-            self.stop()
+    def __exit__(self, *_: object) -> None:
         self._handlers.shutdown(cancel_futures=True)
-
-    def stop(self) -> None:
-        """Asks the running handlers to end soon: their calls are cancelled, and not recorded.
-
-        Any thread and any signal handler may call it.
-        """
-        self._context.stopping = True
 
     async def call(self, tool: str, arguments: Mapping[str, Any]) -> Answer:
         """Runs one call. What an agent makes up is not recorded, so it cannot fill the memory.

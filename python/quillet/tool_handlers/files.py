@@ -19,7 +19,7 @@ LANGUAGES = {".cpp": "C++", ".hpp": "C++", ".py": "Python", ".md": "Markdown", "
 
 def search_text(context: ToolContext, text: str, path: str = ".") -> dict[str, Any]:
     """The lines that hold a text, in one file or all files below a folder."""
-    found = list(islice(_matches(context, path, text), MAX_ROWS + 1))
+    found = list(islice(_matches(context.root, path, text), MAX_ROWS + 1))
     return {"matches": found[:MAX_ROWS], "more": len(found) > MAX_ROWS}
 
 
@@ -34,32 +34,31 @@ def read_file(context: ToolContext, path: str, first_line: int = 1) -> dict[str,
 def count_lines(context: ToolContext, path: str = ".") -> dict[str, int]:
     """The number of lines in each language, the most first."""
     counts: Counter[str] = Counter()
-    for file, lines in _text_files(context, path):
+    for file, lines in _text_files(context.root, path):
         counts[LANGUAGES.get(file.suffix, "other")] += len(lines)
     return dict(counts.most_common())
 
 
-def _matches(context: ToolContext, path: str, text: str) -> Iterator[dict[str, Any]]:
-    for file, lines in _text_files(context, path):
+def _matches(root: Path, path: str, text: str) -> Iterator[dict[str, Any]]:
+    for file, lines in _text_files(root, path):
         for number, line in enumerate(lines, 1):
             if text in line:
                 yield {"path": str(file), "line": number, "text": line.strip()[:MAX_LINE_CHARS]}
 
 
-def _text_files(context: ToolContext, path: str) -> Iterator[tuple[Path, list[str]]]:
+def _text_files(root: Path, path: str) -> Iterator[tuple[Path, list[str]]]:
     """The files, named from the root, with their lines; those that cannot be read are left out."""
-    for file in _files(context, _inside(context.root, path)):
+    for file in _files(_inside(root, path)):
         try:
-            yield file.relative_to(context.root), _read_lines(file)
+            yield file.relative_to(root), _read_lines(file)
         except (OSError, ValueError):
             continue
 
 
-def _files(context: ToolContext, start: Path) -> Iterator[Path]:
+def _files(start: Path) -> Iterator[Path]:
     """The files at or below a path, a folder's own ones first; no links are followed."""
     waiting = [start]
     while waiting:
-        context.check_running()
         path = waiting.pop()
         if os.path.isfile(path):  # unlike the path's own question, this one never fails
             yield path
