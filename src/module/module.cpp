@@ -69,7 +69,7 @@ int load(PyObject* module) {
         });
         const auto& state = state_of(module);
         add_functions(module);
-        add(module, "logger", import("logging").method(state.names[Name::getLogger], name));
+        add(module, "logger", import_module("logging").method(state.names[Name::getLogger], name));
         add_text(module, "__version__", HEALTH_VERSION);
         add_text(module, "_SQLITE_TIMESTAMP", kTimestampFormat);
         add_text(module, "_TOOL_HEALTH_COLUMNS", kHealthColumns);

@@ -117,7 +117,7 @@ inline Ref none() { return shared(Py_None); }
 
 inline bool truth(PyObject* object) { return checked(PyObject_IsTrue(object)) != 0; }
 
-inline Ref import(const char* name) { return owned(PyImport_ImportModule(name)); }
+inline Ref import_module(const char* name) { return owned(PyImport_ImportModule(name)); }
 
 // Errors
 

@@ -12,8 +12,8 @@ namespace health {
 namespace {
 
 Ref make_record_type(PyObject* module_name, const char* name, const char* doc, const Ref& fields) {
-    auto type = owned(
-        PyObject_CallMethod(import("dataclasses"), "make_dataclass", "sO", name, fields.get()));
+    auto type = owned(PyObject_CallMethod(import_module("dataclasses"), "make_dataclass", "sO",
+                                          name, fields.get()));
     checked(PyObject_SetAttrString(type, "__module__", module_name));
     checked(PyObject_SetAttrString(type, "__doc__", to_python(std::string_view(doc))));
     return type;

@@ -100,12 +100,12 @@ void add_element(const Names& names, const Ref& element, StoredUsage& stored) {
 StoredUsage read_any_form(const Names& names, const Ref& document) {
     StoredUsage stored;
     Pacer pacer;
-    import("json").method(names[Name::loads], document).for_each([&](const Ref& element) {
+    import_module("json").method(names[Name::loads], document).for_each([&](const Ref& element) {
         add_element(names, element, stored);
-    pacer.step();
-});
-return stored;
-}  // namespace
+        pacer.step();
+    });
+    return stored;
+}
 
 StoredUsage read_usage(Tracker& tracker) {
     const auto document = read_document(tracker);
@@ -126,12 +126,12 @@ StoredUsage prune(Tracker& tracker, StoredUsage stored) {
     }
     const auto tools = find(tracker.module, kTools);
     std::unordered_map<const HashedText*, Ref> texts;  // the keys repeat few texts many times
-    const auto text_object = [&](const HashedText* text) -> PyObject* {
+    const auto text_object = [&](const HashedText* text) {
         auto& object = texts[text];
         if (object == nullptr) {
             object = to_python(text);
         }
-        return object;
+        return object.get();
     };
     std::vector<UsageEntry> kept;
     Pacer pacer;
@@ -147,7 +147,8 @@ StoredUsage prune(Tracker& tracker, StoredUsage stored) {
     }
     {
         const GilRelease others;
-        StoredUsage pruned{.counts = {}, .is_whole = false};
+        StoredUsage pruned;
+        pruned.is_whole = false;
         for (const auto& [key, usage] : kept) {
             pruned.counts.seed(*key, usage);
         }

@@ -41,7 +41,7 @@ class Answer:
 
 
 class ToolPipeline:
-    """One repository's calls: the loop asks whether a tool is disabled, threads run the handlers."""
+    """One repository's calls: the loop asks whether a tool is disabled, threads run handlers."""
 
     def __init__(self, repository: Repository, tracker: ToolHealthTracker) -> None:
         self._tracker = tracker
