@@ -66,8 +66,9 @@ int load(PyObject* module) {
             .tool_state_type = make_tool_state_type(name),
             .usage_type = make_usage_type(name),
             .enabled = make_tuple(to_python(false), none()),
+            .cooldown_s = {},
         });
-        const auto& state = state_of(module);
+        auto& state = *state_pointer(module);
         add_functions(module);
         add(module, "logger", import_module("logging").method(state.names[Name::getLogger], name));
         add_text(module, "__version__", HEALTH_VERSION);
@@ -77,7 +78,9 @@ int load(PyObject* module) {
         add(module, "_ToolState", state.tool_state_type);
         add(module, "_Usage", state.usage_type);
         add(module, "_UsageKey", make_usage_key_type());
-        add(module, "ToolHealthTracker", make_tracker_type(module, name));
+        const auto tracker_type = make_tracker_type(module, name);
+        state.cooldown_s = tracker_type.attribute(state.names[Name::cooldown_s]);
+        add(module, "ToolHealthTracker", tracker_type);
         return none();
     }));
     return done != nullptr ? 0 : -1;
@@ -87,6 +90,7 @@ int traverse(PyObject* module, visitproc visit, void* arg) {
     if (const auto& state = state_pointer(module)) {
         Py_VISIT(state->tool_state_type.get());
         Py_VISIT(state->usage_type.get());
+        Py_VISIT(state->cooldown_s.get());
     }
     return 0;
 }

@@ -52,6 +52,7 @@ struct ModuleState {
     Ref tool_state_type;  // _ToolState
     Ref usage_type;       // _Usage
     Ref enabled;          // (False, None), the answer of nearly every is_disabled
+    Ref cooldown_s;       // the property of ToolHealthTracker
 };
 
 const ModuleState& state_of(PyObject* module);

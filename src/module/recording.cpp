@@ -167,9 +167,17 @@ Ref disabled_answer(DisabledAnswer& latest, const LastError& error) {
     return latest.answer;
 }
 
+// The property cooldown_s, asked as such only where a derived class or a test has another.
+Ref cooldown_s(const Tracker& tracker) {
+    const auto& module = tracker.module;
+    auto* name = module.names[Name::cooldown_s];
+    return _PyType_Lookup(Py_TYPE(tracker.self), name) == module.cooldown_s
+               ? settings(tracker).attribute(module.names[Name::disable_cooldown_s])
+               : owned(PyObject_GetAttr(tracker.self, name));
+}
+
 Ref is_disabled(Tracker& tracker, const Call& call) {
-    const auto& names = tracker.module.names;
-    const auto [tool_name] = bind<kIsDisabledSignature>(names, call);
+    const auto [tool_name] = bind<kIsDisabledSignature>(tracker.module.names, call);
     const Text tool(text_argument(kIsDisabledSignature, Name::tool_name, tool_name));
     const auto disabled =
         tracker.health.run([&](Health& health) { return health.states.find_disabled(tool); });
@@ -177,10 +185,9 @@ Ref is_disabled(Tracker& tracker, const Call& call) {
         return tracker.module.enabled;
     }
     // The settings are Python's, so they are read outside the lock.
-    const double cooldown_s =
-        to_number(owned(PyObject_GetAttr(tracker.self, names[Name::cooldown_s])));
+    const double cooldown = to_number(cooldown_s(tracker));
     const auto last_error = tracker.health.run(
-        [&](Health& health) { return health.states.check(*disabled, wall_clock(), cooldown_s); });
+        [&](Health& health) { return health.states.check(*disabled, wall_clock(), cooldown); });
     return last_error ? disabled_answer(tracker.latest_answer, *last_error)
                       : tracker.module.enabled;
 }
