@@ -30,7 +30,7 @@ def parse_options(arguments: Sequence[str]) -> argparse.Namespace:
     """The options that the arguments give; ends the program for --help and for wrong ones."""
     parser = argparse.ArgumentParser(
         prog="quillet",
-        description="Plays tool calls from a file or standard input to the daemon, a line each. "
+        description="Plays tool calls from a file or standard input to the daemon, a line each.\n"
         "The command `status` shows what the database holds of the tools' health.",
         epilog="\n".join([LINES, _tools(), EXIT_STATUSES]),
         formatter_class=argparse.RawDescriptionHelpFormatter,
