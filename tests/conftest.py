@@ -14,6 +14,25 @@ class Spec:
         return 0 if isinstance(name, str) and name in self.actions else None
 
 
+class Stored:
+    """A repository and its database, with these rows and this document, whatever SQLite does."""
+
+    def __init__(self, rows=(), document=None):
+        self.rows, self.document, self.db = rows, document, self
+
+    def fetchall(self, sql):
+        return self.rows
+
+    def fetchone(self, sql, parameters):
+        return None if self.document is None else (self.document,)
+
+    def execute(self, sql, parameters):
+        self.document = parameters[1]
+
+    def executemany(self, sql, rows):
+        pass
+
+
 class SpyDatabase:
     """The real database, with its calls kept and failures on demand."""
 

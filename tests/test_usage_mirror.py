@@ -3,10 +3,12 @@
 import json
 import re
 from functools import partial
+from itertools import product
+from types import SimpleNamespace
 from unittest import mock
 
 import pytest
-from conftest import MEMBERS, call
+from conftest import MEMBERS, Stored, call
 from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
 from quillet.tool_handlers import health
@@ -38,18 +40,25 @@ totals = st.floats() | st.integers(-8000, 8000).map(lambda n: n / 16) | st.float
 usage = st.builds(element, texts, st.none() | texts, texts, st.booleans(), counts, counts, totals)
 
 
+compact = partial(json.dumps, separators=(",", ":"))
+
+
+@pytest.fixture
+def any_tool(monkeypatch):
+    """A registry that has every tool and action."""
+    anything = SimpleNamespace(get=lambda name: anything, action=lambda name: name)
+    monkeypatch.setattr(health, "TOOLS", anything)
+
+
+def read(document):
+    return health.ToolHealthTracker(Stored(document=document))
+
+
 @settings(max_examples=300, suppress_health_check=[HealthCheck.function_scoped_fixture])
 @given(st.lists(usage, max_size=5, unique_by=lambda row: json.dumps(list(row.values())[:4])))
-def test_the_document_is_read_and_written_as_by_the_json_library(tracker, document, daemon, rows):
-    class Everything:
-        get = action = lambda self, name: self
-
-    compact = partial(json.dumps, separators=(",", ":"))
-    with mock.patch.object(health, "TOOLS", Everything()):
-        document(compact([{**row, "more": None} for row in rows]))  # left to the interpreter
-        by_json = tracker()
-        document(compact(rows))
-        t = tracker()
+def test_the_document_is_read_and_written_as_by_the_json_library(any_tool, rows):
+    by_json = read(compact([{**row, "more": None} for row in rows]))  # left to the interpreter
+    t = read(compact(rows))
     assert repr(t._usage) == repr(by_json._usage)
     expected = {tuple(row.values())[:4]: row for row in json.loads(json.dumps(rows))}
     for key in [*expected, ("a", None, "ok", False)]:
@@ -58,10 +67,22 @@ def test_the_document_is_read_and_written_as_by_the_json_library(tracker, docume
         expected[key]["calls"] = min(expected[key]["calls"] + 1, 2**63 - 1)
     assert t.flush() == len(expected)
     written = [{**row, "total_ms": round(row["total_ms"], 3)} for row in expected.values()]
-    assert document() == compact(written)
+    assert t._repo.document == compact(written)
     with mock.patch("json.loads") as loads:
-        tracker()
-    assert not loads.called or re.search(r"\\ud[89ab]|NaN|Infinity", document())
+        read(t._repo.document)
+    assert not loads.called or re.search(r"\\ud[89ab]|NaN|Infinity", t._repo.document)
+
+
+def test_an_edited_document_is_read_as_by_the_json_library(any_tool):
+    text = compact([element("\U0001f600", "x", total=3.5)])
+    for at, new in product(range(len(text)), ("", "0", "-", ".", '"', "u", "}", "]", ",", "\0")):
+        for edited in (text[:at], text[:at] + new + text[at:], text[:at] + new + text[at + 1 :]):
+            try:
+                by_json = read(compact([{**row, "more": None} for row in json.loads(edited)]))
+                expected = repr(by_json._usage)
+            except (ValueError, TypeError):
+                expected = "{}"
+            assert repr(read(edited)._usage) == expected, edited
 
 
 def test_a_flush_is_one_write_of_every_count(tracker, repository, document):
@@ -85,13 +106,12 @@ def test_an_empty_document_loads_nothing(tracker, document, caplog, stored):
 
 
 UNREADABLE = [
-    "", "[", "5", "null", "true", '{"a": 1}', '"text"', "[5]", "[[]]", "[null]", "[" * 100_000,
-    [{**element(), "action": []}], [{**element(), "action": {}}],
+    *("", "5", "null", '{"a": 1}', '"text"', "[5]", "[[]]", "[" * 100_000, "[]]"),
+    *([{**element(), "action": wrong}] for wrong in ([], {})),
+    *([element(calls=wrong)] for wrong in (None, "1.5", [], 2**63, float("inf"))),
+    *([element(total=wrong)] for wrong in (None, "1,5", 10**400)),
     [element(), {key: value for key, value in element().items() if key != "timed_calls"}],
-    [element(calls=None)], [element(calls="1.5")], [element(calls=[])], [element(calls=2**63)],
-    [element(calls=float("inf"))], [element(timed="x")], [element(total=None)],
-    [element(total="1,5")], [element(total=10**400)], "[]]",
-]  # fmt: skip
+]
 
 
 @pytest.mark.parametrize("stored", UNREADABLE)
