@@ -3,10 +3,10 @@
 import logging
 
 import pytest
-from conftest import call
+from conftest import Stored, call
 from quillet.tool_handlers import health
 
-UPSERT = """INSERT INTO tool_health (tool_name, call_count, error_count, last_error, disabled_at, updated_at)
+UPSERT = f"""INSERT INTO tool_health ({health._TOOL_HEALTH_COLUMNS})
                     VALUES (?, ?, ?, ?, ?, ?)
                     ON CONFLICT(tool_name) DO UPDATE SET
                         call_count = excluded.call_count,
@@ -18,33 +18,17 @@ DELETE = "DELETE FROM tool_health WHERE tool_name = ?"
 SELECT = f"SELECT {health._TOOL_HEALTH_COLUMNS} FROM tool_health"
 
 
-class Rows:
-    """A database with the given rows of tool_health, whatever SQLite would make of them."""
-
-    def __init__(self, *rows):
-        self.rows = rows
-        self.db = self
-
-    def fetchall(self, sql):
-        return self.rows
-
-    def fetchone(self, sql, parameters):
-        return None
-
-
 def test_a_flush_is_one_write_of_the_changed_rows_by_name(tracker, repository):
     t = tracker()
-    for tool in ("b", "a", "c", "a"):
+    for tool in ("b", "\U0001f600", "a", "\ud800", "a"):
         t.record_success(tool)
     repository.db.calls.clear()
-    assert t._flush_health() == 3
+    assert t._flush_health() == 4
     [(operation, sql, rows)] = repository.db.calls
     assert (operation, sql) == ("executemany", UPSERT)
-    assert [row[:5] for row in rows] == [
-        ("a", 2, 0, None, None), ("b", 1, 0, None, None), ("c", 1, 0, None, None)]  # fmt: skip
-    assert rows[0][5] == health._sqlite_time(t._state["a"].updated_at)
-    assert t.flush() == 0
-    assert len(repository.db.calls) == 1
+    assert [row[:2] for row in rows] == [("a", 2), ("b", 1), ("\ud800", 1), ("\U0001f600", 1)]
+    assert rows[0][2:] == (0, None, None, health._sqlite_time(t._state["a"].updated_at))
+    assert t.flush() == 0 and len(repository.db.calls) == 1
 
 
 def test_rows_of_removed_tools_are_deleted(tracker, repository, db, daemon):
@@ -90,7 +74,7 @@ def test_an_unreadable_history_is_logged_and_left_out(
      (2**63 - 1, 2**63 - 1)],  # fmt: skip
 )
 def test_stored_values_are_read(calls, expected):
-    t = health.ToolHealthTracker(Rows(("a", calls, None, b"\xff", "not a time", None)))
+    t = health.ToolHealthTracker(Stored([("a", calls, None, b"\xff", "not a time", None)]))
     state = health._ToolState(expected, 0, b"\xff", None, 0.0)
     assert t._state == {"a": state}
     t.record_success("a")
@@ -101,10 +85,7 @@ def test_stored_values_are_read(calls, expected):
     ("row", "error"),
     [
         (("c", "1.5", 0, None, None, None), ValueError),
-        (("c", 0, "x", None, None, None), ValueError),
         (("c", 2**63, 0, None, None, None), OverflowError),
-        (("c", float("inf"), 0, None, None, None), OverflowError),
-        (("c", 0, 0, None, 5, None), TypeError),
         (("c", 0, 0, None, None, b"x"), TypeError),
         (("c", 0, 0, object(), None, None), TypeError),
         (("c", 0, 0), IndexError),
@@ -112,7 +93,7 @@ def test_stored_values_are_read(calls, expected):
 )
 def test_stored_values_that_do_not_convert_are_errors(tracker, row, error, caplog):
     with pytest.raises(error):
-        health.ToolHealthTracker(Rows(("a", 1, 1, "e", None, None), row))
+        health.ToolHealthTracker(Stored([("a", 1, 1, "e", None, None), row]))
     t = tracker()
     t._repo.db.fetchall = lambda sql: [("a", 1, 1, "e", None, None), row]
     with pytest.raises(error):

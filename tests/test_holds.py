@@ -14,22 +14,14 @@ import tracemalloc
 from types import SimpleNamespace
 
 import pytest
-from conftest import MEMBERS, Spec, call
+from conftest import MEMBERS, Spec, Stored, call
 from quillet.tool_handlers import health
 
 ENTRIES = 20_000
 
 
-def tracker_over(rows=(), document=None):
-    write = lambda *_: None  # noqa: E731
-    db = SimpleNamespace(
-        fetchall=lambda _: rows, fetchone=lambda *_: document, execute=write, executemany=write
-    )
-    return health.ToolHealthTracker(SimpleNamespace(db=db))
-
-
 def full_tracker():
-    tracker = tracker_over()
+    tracker = health.ToolHealthTracker(Stored())
     for number in range(ENTRIES):
         tracker.record_success(f"tool {number}")
         call(tracker, f"tool {number}")
@@ -100,13 +92,17 @@ def test_a_start_reads_in_turns(other, monkeypatch):
 
     monkeypatch.setattr(health, "TOOLS", SimpleNamespace(get=lambda tool: marked(Spec())))
     monkeypatch.setattr(json, "loads", elements)
-    start = lambda _: tracker_over([Row()] * ENTRIES, ["in a form of its own"])  # noqa: E731
-    assert in_turns(other, start) and other.marks.count(".") >= 4 * ENTRIES
+    stored = Stored([Row()] * ENTRIES, "in a form of its own")
+    assert (
+        in_turns(other, lambda _: health.ToolHealthTracker(stored))
+        and other.marks.count(".") >= 4 * ENTRIES
+    )
 
 
 def test_a_document_is_written_beside_others(other):
     tracker, seen, counts = full_tracker(), [], []
     tracker.flush()
+    tracker._repo.execute = lambda *_: None  # the document is let go of
 
     def look():
         # After the counts were taken, and before their document is a text of the interpreter's.

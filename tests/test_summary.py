@@ -13,7 +13,6 @@ from quillet.tool_handlers import health
 
 def test_the_keys_are_in_order_and_the_answer_the_callers_own(tracker):
     t = tracker()
-    assert t.get_health_summary() == []
     t.record_success("a")
     call(t)
     [record] = t.get_health_summary()
@@ -23,16 +22,6 @@ def test_the_keys_are_in_order_and_the_answer_the_callers_own(tracker):
     assert " ".join(record["usage"][0]) == "action outcome alias_hit calls avg_ms slow"
     record["usage"].clear()
     assert len(t.get_health_summary()[0]["usage"]) == 1
-
-
-def test_a_failing_collaborator_leaves_the_lock_free(tracker, monkeypatch):
-    t = tracker()
-    call(t)
-    monkeypatch.setattr(health, "is_slow_call", lambda tool, action: 1 / 0)
-    with pytest.raises(ZeroDivisionError):
-        t.get_health_summary()
-    call(t)
-    assert t._usage[("a", None, "ok", False)].calls == 2
 
 
 def test_a_call_from_within_is_refused(tracker, monkeypatch):
@@ -51,19 +40,21 @@ def test_a_call_from_within_is_refused(tracker, monkeypatch):
             attempt(t.record_success, "a")
 
     def is_slow_call(tool, action):
-        for operation in (lambda: t.is_disabled("a"), lambda: call(t), t.get_health_summary, t.flush,
-                          lambda: t.has_unsaved_changes, lambda: t._state):  # fmt: skip
+        attempt(t.is_disabled, "a")
+        attempt(call, t)
+        for operation in (t.get_health_summary, t.flush, lambda: t.has_unsaved_changes):
             attempt(operation)
         garbage = Finalizer()
         garbage.itself = garbage
         del garbage
         gc.collect()
         call(other)  # another tracker's lock is another matter
-        return False
+        return 1 / 0
 
     monkeypatch.setattr(health, "is_slow_call", is_slow_call)
-    t.get_health_summary()
-    assert len(refused) == 7 and "holds its lock" in refused[0]
+    with pytest.raises(ZeroDivisionError):
+        t.get_health_summary()
+    assert len(refused) == 6 and "holds its lock" in refused[0]
     assert t.flush() == 1 and t._state == {}
 
 

