@@ -3,9 +3,10 @@
 import subprocess
 import sys
 from pathlib import Path
+from unittest import mock
 
 import pytest
-import quillet
+import quillet.utils.process
 from quillet.tool_handlers import health
 
 DAEMON = {
@@ -89,3 +90,13 @@ def test_a_registry_that_lacks_a_module_of_its_own_says_which(tmp_path, nowhere,
     monkeypatch.delitem(sys.modules, "quillet.tool_registry")
     with pytest.raises(ModuleNotFoundError, match="^No module named 'quillet.something_else'"):
         health._known("a", None)
+
+
+def test_the_daemons_objects_are_attributes_of_the_module(monkeypatch):
+    assert health.thread_census is quillet.utils.process.thread_census
+    with mock.patch.object(health, "get_timing_collector", lambda: 1 / 0):
+        with pytest.raises(ZeroDivisionError):
+            health.handle_get_tool_performance_stats()
+    assert "get_timing_collector" not in vars(health)
+    monkeypatch.setitem(sys.modules, "quillet.utils.process", None)
+    assert not hasattr(health, "thread_census") and not hasattr(health, "weather")
