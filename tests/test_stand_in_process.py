@@ -55,16 +55,23 @@ def answer(process, line=THREADS):
     return json.loads(process.stdout.readline())
 
 
-@pytest.mark.parametrize("signals", [["INT", "INT"], ["TERM"], ["HUP", "INT"]], ids="-".join)
-def test_a_signal_ends_it_amid_a_search_with_every_answered_call_saved(start, database, signals):
+SEARCH = '{"tool": "search_text", "arguments": {"text": "no such text"}}\n'
+
+
+@pytest.mark.parametrize(
+    ("signals", "running"), [(["INT", "INT"], SEARCH), (["TERM"], ""), (["HUP", "INT"], SEARCH)]
+)
+def test_a_signal_ends_it_with_every_answered_call_saved(start, database, signals, running):
     process = start(repository="/usr")
     answer(process)
     other = sqlite3.connect(database, isolation_level=None)
     other.execute("BEGIN IMMEDIATE")  # so that the later signals come amid the last flush
-    send(process, '{"tool": "search_text", "arguments": {"text": "no such text"}}\n')
+    send(process, running)
     for name in signals:
         process.send_signal(signal.Signals[f"SIG{name}"])
         time.sleep(0.2)
+    send(process, THREADS)  # too late to be saved, so never answered
+    time.sleep(0.2)
     other.execute("ROLLBACK")
     assert process.communicate(timeout=20)[0] == ""
     assert process.returncode == 128 + signal.Signals[f"SIG{signals[0]}"]
