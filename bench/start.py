@@ -1,10 +1,8 @@
 """What a start costs with 10,000, 100,000 and 1,000,000 usage keys in a database file.
 
-Every start has a process of its own: its time is the median of five, its memory what the process
-needs beyond what it had before, at its peak.
+Every start has a process of its own; the median of five.
 """
 
-import resource
 import tempfile
 import time
 from multiprocessing import get_context
@@ -42,23 +40,20 @@ def store(folder, keys):
 
 
 def start(folder):
-    """One start: its seconds, and the bytes that it needs at its peak."""
+    """The seconds that one start takes."""
     with Repository(folder) as repository:
-        before = resource.getrusage(resource.RUSAGE_SELF).ru_maxrss
         started = time.perf_counter()
         tracker = health.ToolHealthTracker(repository, ToolsConfig())
         elapsed_s = time.perf_counter() - started
         assert not tracker.has_unsaved_changes
-        return elapsed_s, (resource.getrusage(resource.RUSAGE_SELF).ru_maxrss - before) * 1024
+        return elapsed_s
 
 
 if __name__ == "__main__":
-    print("usage keys   document       start     memory")
+    print("usage keys   document       start")
     for keys in SIZES:
         with tempfile.TemporaryDirectory() as name:
             size = store(Path(name), keys)
             with get_context("spawn").Pool(1, maxtasksperchild=1) as processes:
                 starts = [processes.apply(start, (Path(name),)) for _ in range(STARTS)]
-            elapsed_s, peak = map(median, zip(*starts))
-            sizes = f"{size / 1e6:7.1f} MB {elapsed_s * 1e3:8.0f} ms {peak / 1e6:7.0f} MB"
-            print(f"{keys:10,} {sizes}")
+            print(f"{keys:10,} {size / 1e6:7.1f} MB {median(starts) * 1e3:8.0f} ms")
