@@ -88,9 +88,10 @@ int load(PyObject* module) {
 
 int traverse(PyObject* module, visitproc visit, void* arg) {
     if (const auto& state = state_pointer(module)) {
-        Py_VISIT(state->tool_state_type.get());
-        Py_VISIT(state->usage_type.get());
-        Py_VISIT(state->cooldown_s.get());
+        for (PyObject* referent :
+             {state->tool_state_type.get(), state->usage_type.get(), state->cooldown_s.get()}) {
+            Py_VISIT(referent);
+        }
     }
     return 0;
 }
