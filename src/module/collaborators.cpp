@@ -50,7 +50,9 @@ Ref module_attribute(const ModuleState& module, const Call& call) {
     const auto [name] = bind<kAttributeSignature>(module.names, call);
     for (const auto& collaborator :
          {kToolsConfig, kTools, kIsSlowCall, kGetTimingCollector, kThreadCensus}) {
-        if (name != module.names[collaborator.name]) {
+        // Names made at run time are not interned.
+        if (!PyUnicode_Check(name) ||
+            PyUnicode_Compare(name, module.names[collaborator.name]) != 0) {
             continue;
         }
         try {
