@@ -1,13 +1,13 @@
 """The whole stand-in daemon, and the terms that its parts keep for the module."""
 
 import asyncio
-import json
 import sqlite3
 import subprocess
 import sys
 import threading
 
 import pytest
+from quillet.call_lines import parse_line
 from quillet.config import ToolsConfig, read_tools_config
 from quillet.daemon.tool_pipeline import ToolPipeline
 from quillet.repository import Repository
@@ -55,28 +55,17 @@ def test_calls_from_a_loop_do_not_wait_for_the_database(tmp_path, monkeypatch):
             }
 
 
-def play(root, lines, *options):
-    command = [sys.executable, "-P", "-m", "quillet", "--repository", root, *options]
-    run = subprocess.run(command, input="\n".join(lines), capture_output=True, text=True)
-    return run.returncode, [json.loads(line) for line in run.stdout.splitlines()], run.stderr
-
-
-def test_a_tool_fails_is_disabled_comes_back_and_is_remembered(tmp_path):
-    config = tmp_path / "config.toml"
-    config.write_text("[tools]\ndisable_after_errors = 2\ndisable_cooldown_s = 0.2")
-    read = '{"tool": "read_file", "arguments": {"path": "%s"}}'
-    bad, good = read % "caf\\udce9", read % "config.toml"
-    lines = ["# a comment", bad, bad, good, '{"wait_s": 0.25}', good, "", "{", "[]", good]
-    status, answers, errors = play(tmp_path, lines, "--config", config)
-    assert [answer["outcome"] for answer in answers] == ["error", "error", "disabled", "ok", "ok"]
-    assert "caf\udce9" in answers[2]["content"]
-    assert (status, errors.count("quillet: line ")) == (1, 2)
-    assert "line 8: " in errors and "line 9: " in errors
-    _, [answer], _ = play(tmp_path, ['{"tool": "status", "arguments": {"action": "perf_stats"}}'])
-    [tool] = answer["content"]["tools"]
-    assert (tool["call_count"], tool["error_count"], tool["disabled"]) == (4, 2, False)
-    usage = [(row["outcome"], row["calls"]) for row in tool["usage"]]
-    assert usage == [("error", 2), ("ok", 2), ("disabled", 1)]
+@pytest.mark.parametrize(
+    "line",
+    ["{", "[]", "5", '{"tool": 5}', '{"tool": "a", "more": 1}', '{"tool": "a", "arguments": []}',
+     '{"wait_s": 5.01}', '{"wait_s": -1}', '{"wait_s": true}', "[" * 9999],
+)  # fmt: skip
+def test_lines_that_are_no_calls(line):
+    with pytest.raises(ValueError, match="neither|not JSON"):
+        parse_line(line)
+    assert parse_line("# a comment") is parse_line(" \n") is None
+    assert parse_line('{"wait_s": 5}') == {"wait_s": 5}
+    assert parse_line('{"tool": "a"}') == {"tool": "a", "arguments": {}}
 
 
 def test_wrong_settings_are_named(tmp_path):
@@ -93,7 +82,8 @@ def test_wrong_settings_are_named(tmp_path):
         path.write_text(text)
         with pytest.raises(ValueError, match=named):
             read_tools_config(path)
-    assert play(tmp_path, [], "--config", path)[0] == 2
+    command = [sys.executable, "-P", "-m", "quillet", "--repository", tmp_path, "--config", path]
+    assert subprocess.run(command, stdin=subprocess.DEVNULL, stderr=subprocess.PIPE).returncode == 2
 
 
 def test_a_failed_write_leaves_nothing_behind(tmp_path):
@@ -101,5 +91,9 @@ def test_a_failed_write_leaves_nothing_behind(tmp_path):
         with pytest.raises(sqlite3.IntegrityError):
             repository.db.executemany("INSERT INTO schema_info VALUES (?, '')", [("a",), ("a",)])
         assert repository.db.fetchall("SELECT * FROM schema_info") == []
+        repository.db.executemany("INSERT INTO schema_info VALUES (?, '')", [("caf\udce9",)])
+        repository.db.execute("DELETE FROM schema_info WHERE key = ?", ("caf\udce9",))
+        assert repository.db.fetchall("SELECT * FROM schema_info") == []
+        assert repository.db.fetchall("PRAGMA synchronous") == [(2,)]  # full: safe from power cuts
         repository.db.execute("INSERT INTO schema_info VALUES ('k', ?)", ("caf\udce9",))
         assert repository.db.fetchone("SELECT value FROM schema_info", ()) == ("caf\\udce9",)

@@ -1,33 +1,30 @@
 """What an operator and a newcomer see: the status, the screen, the examples, the metrics."""
 
-import importlib
 import json
+import math
 import sqlite3
 import subprocess
 import sys
 from contextlib import closing
 from pathlib import Path
-from types import SimpleNamespace
 
 import pytest
 from documents import snippets
-from prometheus_client import CollectorRegistry, generate_latest
-from prometheus_client.parser import text_string_to_metric_families
 from quillet.config import ToolsConfig
 from quillet.daemon.tool_pipeline import Answer, Outcome
-from quillet.rendering import as_text
+from quillet.rendering import as_json, as_text, status_text
 from quillet.repository import Repository
 from quillet.tool_handlers.health import ToolHealthTracker
 
 ROOT = Path(__file__).parents[1]
 THEN = "2023-11-14 22:13:20"
 ROWS = [
-    ("gone", 9, 3, b"\xff", None, THEN),
+    ('"\n', 9, 3, b"\xff", None, THEN),
     ("read_file", 5, 2, "e", THEN, ""),
     ("count_lines", "x", 0, None, None, ""),
 ]
-USAGE = """[{"tool": "gone", "action": null, "outcome": "ok", "alias_hit": true, "calls": 4,
-             "timed_calls": 2, "total_ms": 25}]"""
+USAGE = r"""[{"tool": "\"\n", "action": null, "outcome": "ok", "alias_hit": true, "calls": 4,
+              "timed_calls": 2, "total_ms": 25}]"""
 
 
 @pytest.fixture
@@ -60,7 +57,7 @@ def test_the_status_shows_all_that_is_stored_and_leaves_it_alone(database, tmp_p
     config.write_text("[tools]\ndisable_cooldown_s = 90")
     assert status(database)["cooldown_s"] == 300
     with Repository(tmp_path) as running:
-        running.db.execute("UPDATE tool_health SET call_count = 6 WHERE tool_name = ?", ["gone"])
+        running.db.execute("UPDATE tool_health SET call_count = 6 WHERE error_count = 3", ())
         shown = status(database, "--config", config)
     [damaged], [gone, read] = shown["damaged"], shown["tools"]
     assert "'count_lines'" in damaged and "'x'" in damaged
@@ -82,25 +79,62 @@ def test_a_file_without_a_status_is_named(tmp_path, wrong):
     assert file.exists() == (wrong != "missing")
 
 
+SCREENS = """
+  1  ok        status perf_stats  1.0 ms
+     t: disabled since 2023-11-14 22:13:20 UTC, tried again at the next call
+
+     TOOL  CALLS  ERRORS  LAST ERROR
+     t         9       1  \\xff[red]\\x1b
+     u         3       0  -
+
+     TOOL  OUTCOME   SYNONYM  CALLS  MEAN MS  SLOW
+     t x   ok        yes          7     2.50  no
+     t     disabled  no           2        -  yes
+
+     threads: unknown, of them Python's 4 ([b] 3, m 1)
+     too [many]
+ 12  ok        get_tool_performance_stats
+
+     TOOL  CALLS  ERRORS  MEAN MS  P95 MS  MIN MS  MAX MS
+     t         9       2     1.50    2.50    0.50    3.50
+d: 2 tools, 1 disabled
+[a] row
+"""
+ROW = dict(action="x", outcome="ok", alias_hit=True, calls=7, avg_ms=2.5, slow=False)
+OTHER = dict(action=None, outcome="disabled", alias_hit=False, calls=2, avg_ms=None, slow=True)
+TOOL = dict(tool_name="t", call_count=9, error_count=1, disabled=True, disabled_at=THEN)
+
+
+def test_the_screens_show_each_value_in_its_place(monkeypatch):
+    monkeypatch.setenv("COLUMNS", "100")
+    fine = dict(tool_name="u", call_count=3, error_count=0, disabled=False, disabled_at=None)
+    tools = [TOOL | dict(last_error=b"\xff[red]\x1b", usage=[ROW, OTHER])]
+    tools += [fine | dict(last_error=None, usage=[])]
+    threads = dict(python=4, python_by_name={"[b]": 3, "m": 1}, budget=6, warning="too [many]")
+    content = dict(tools=tools, cooldown_s=300.0)
+    times = dict(name="t", count=9, errors=2, avg_ms=1.5, p95_ms=2.5, min_ms=0.5, max_ms=3.5)
+    perf_stats = Answer(Outcome.OK, "perf_stats", 1.0, content | dict(threads=threads))
+    shown = "\n" + as_text(1, "status", perf_stats) + "\n"
+    answer = Answer(Outcome.OK, None, None, dict(tools=[times]))
+    shown += as_text(12, "get_tool_performance_stats", answer) + "\n"
+    stored = status_text(content | dict(database="d", damaged=["[a] row"])).splitlines()
+    assert shown + "\n".join(stored[:2]) + "\n" == SCREENS
+    # What is stored is shown as what is answered, less the threads.
+    assert stored[2:] == [line[5:] for line in SCREENS.splitlines()[2:11]]
+    odd = Answer(Outcome.ERROR, None, None, [math.inf, -math.inf, math.nan, b"\xff"])
+    assert as_json(1, "t", odd).endswith(r'"content": [null, null, null, "\\xff"]}')
+
+
+@pytest.mark.parametrize(("cooldown_s", "again"), [(1e10 - 60, "at2340-10-04"), (1e300, "never")])
 @pytest.mark.parametrize("columns", [50, 120])
-def test_the_screen_is_neither_upset_nor_exceeded(monkeypatch, columns):
+def test_a_screen_is_not_exceeded(monkeypatch, columns, cooldown_s, again):
     monkeypatch.setenv("COLUMNS", str(columns))
-    usage = dict(action=None, outcome="ok", alias_hit=False, calls=1, avg_ms=2.5, slow=False)
-    tool = dict(tool_name="t", call_count=9, error_count=1, disabled=True, disabled_at=THEN)
-    tool |= {"last_error": "[red]\x1b[0m\udce9\n" * 20, "usage": [usage]}
-    threads = {"python": 1, "python_by_name": {"[b]": 1}, "budget": 6, "warning": "too [many]"}
-    for cooldown_s, again in (
-        (1.0, "atthenextcall"),
-        (1e10 - 60, "at2340-10-0415:59:00UTC,in"),
-        (1e300, "never"),
-    ):
-        content = {"tools": [tool], "cooldown_s": cooldown_s, "threads": threads}
-        lines = as_text(1, "status", Answer(Outcome.OK, "perf_stats", 1.0, content)).splitlines()
-        assert max(map(len, lines)) <= columns and all(line.isprintable() for line in lines)
-        shown = "".join("".join(lines).split())
-        assert f"t:disabledsince2023-11-1422:13:20UTC,triedagain{again}" in shown
-        assert shown.count("[red]\\x1b[0m\\udce9\\n") == 20 and "tokno12.50no" in shown
-        assert "too[many]" in shown and "[b]" in shown
+    tool = TOOL | dict(last_error="[red]\x1b[0m\udce9\n" * 20, usage=[ROW])
+    answer = Answer(Outcome.OK, "perf_stats", 1.0, dict(tools=[tool], cooldown_s=cooldown_s))
+    lines = as_text(1, "status", answer).splitlines()
+    assert max(map(len, lines)) <= columns and all(line.isprintable() for line in lines)
+    shown = "".join("".join(lines).split())
+    assert f"triedagain{again}" in shown and shown.count("[red]\\x1b[0m\\udce9\\n") == 20
 
 
 def test_the_examples_show_what_they_say(tmp_path):
@@ -117,21 +151,14 @@ def test_the_examples_show_what_they_say(tmp_path):
     assert ", ".join(ends) == first + ", ok ok, ok, ok ok, "
 
 
-def test_the_metrics_are_what_the_librarys_own_parser_reads(monkeypatch):
-    monkeypatch.syspath_prepend(ROOT / "examples")
-    usage = dict(action=None, outcome="ok", alias_hit=True, calls=3, avg_ms=2.5)
-    record = dict(tool_name='"\udce9\n', call_count=4, error_count=1, disabled=True)
-    record |= {"usage": [usage, usage | {"outcome": "error", "calls": 2, "avg_ms": None}]}
-    registry = CollectorRegistry()
-    tracker = SimpleNamespace(get_health_summary=lambda: [record])
-    registry.register(importlib.import_module("metrics").ToolHealthCollector(tracker))
-    families = text_string_to_metric_families(generate_latest(registry).decode())
-    samples = [sample for family in families for sample in family.samples]
-    names = ["runs_total", "errors_total", "disabled", *["calls_total"] * 2, "call_mean_seconds"]
-    assert [sample.name.removeprefix("tool_health_") for sample in samples] == names
-    assert [sample.value for sample in samples] == [4, 1, 1, 3, 2, 0.0025]
-    labels = {"tool": '"\\udce9\n', "action": "", "outcome": "error", "synonym": "true"}
-    assert samples[4].labels == labels
+METRICS = r"""tool_health_runs_total{tool="\"\n"} 9.0
+tool_health_runs_total{tool="read_file"} 5.0
+tool_health_errors_total{tool="\"\n"} 3.0
+tool_health_errors_total{tool="read_file"} 2.0
+tool_health_disabled{tool="\"\n"} 0.0
+tool_health_disabled{tool="read_file"} 1.0
+tool_health_calls_total{action="",outcome="ok",synonym="true",tool="\"\n"} 4.0
+tool_health_call_mean_seconds{action="",outcome="ok",synonym="true",tool="\"\n"} 0.0125"""
 
 
 def test_the_commands_of_operations_do_what_it_says(database, tmp_path):
@@ -141,7 +168,7 @@ def test_the_commands_of_operations_do_what_it_says(database, tmp_path):
     show, metrics, enable, forget, forget_all = snippets(ROOT / "docs" / "operations.md", "sh")
     [in_the_daemon] = snippets(ROOT / "docs" / "operations.md", "python")
     assert [tool["disabled"] for tool in json.loads(run(show))["tools"]] == [False, True]
-    assert 'tool_health_disabled{tool="read_file"} 1.0' in run(metrics)
+    assert [line for line in run(metrics).splitlines() if line[0] != "#"] == METRICS.split("\n")
     run(enable)
     assert [tool["disabled"] for tool in status(database)["tools"]] == [False, False]
     assert quillet("--repository", tmp_path, input="").returncode == 2

@@ -6,6 +6,7 @@ import sqlite3
 import subprocess
 import sys
 import time
+from contextlib import closing
 
 import pytest
 from quillet.config import ToolsConfig
@@ -32,8 +33,8 @@ def start(database):
     """Starts the program in a shell, with redirections if need be; killed in the end."""
     started = []
 
-    def start(shell="", repository="."):
-        program = f"exec '{sys.executable}' -P -m quillet --repository {repository}"
+    def start(shell="", repository=".", first=""):
+        program = f"{first} exec '{sys.executable}' -P -m quillet --repository {repository}"
         command = ["bash", "-c", f"{program} --database '{database}' {shell}"]
         pipes = dict.fromkeys(("stdin", "stdout", "stderr"), subprocess.PIPE)
         started.append(subprocess.Popen(command, text=True, **pipes))
@@ -80,6 +81,15 @@ def test_a_signal_ends_it_with_every_answered_call_saved(start, database, signal
     other.close()
 
 
+def test_a_signal_that_is_ignored_ends_nothing(start):
+    process = start(first="trap '' HUP;")  # as nohup does
+    answer(process)
+    process.send_signal(signal.SIGHUP)
+    assert answer(process)["line"] == 2
+    process.communicate(timeout=20)
+    assert process.returncode == 0
+
+
 @pytest.mark.parametrize(
     ("shell", "status", "answers", "said"),
     [
@@ -113,6 +123,9 @@ def test_a_second_daemon_and_a_removed_database_are_told(start, database):
     second = start()
     told = second.communicate(timeout=20)[1], second.returncode
     assert told == (f"quillet: {database}: another daemon is using it\n", 2)
+    with closing(sqlite3.connect(database)) as other:
+        while not other.execute("SELECT * FROM tool_health").fetchall():  # saved now and then
+            time.sleep(0.05)
     database.unlink()
     answer(first)
     assert f"{database}: was removed or replaced" in first.communicate(timeout=20)[1]
@@ -133,7 +146,9 @@ def test_damaged_rows_are_shown_or_named(start, database, tmp_path):
     errors = start().communicate(timeout=20)[1]
     assert f"{database}: correct or delete these rows" in errors and "'embed_text'" in errors
     database.write_text("Not a database at all." * 100)
-    assert f"{database}: file is not a database" in start().communicate(timeout=20)[1]
+    process = start()
+    told = f"quillet: {database}: file is not a database\n"
+    assert (process.communicate(timeout=20)[1], process.returncode) == (told, 2)
 
 
 def test_a_failed_flush_is_told_and_tried_again(repository, caplog, monkeypatch):
