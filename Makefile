@@ -53,7 +53,7 @@ check: build $(CHECKS:%=build/%/build.ninja) ## test under sanitizers, without m
 	$(call INSTALL_CHECKED,threads)
 	$(call CHECKED,threads,tsan) $(VENV)/bin/python -m pytest -s tests/test_summary.py $(NO_ENDING)
 	$(call INSTALL_CHECKED,debug)
-	PYTHONPATH=build/debug/site /usr/bin/python3-dbg tests/leaks.py
+	PYTHONPATH=build/debug/site:bench /usr/bin/python3-dbg tests/leaks.py
 	ninja --quiet -C build/release tests/libfailing_new.so
 	LD_PRELOAD=build/release/tests/libfailing_new.so $(VENV)/bin/python tests/memory.py
 	$(VENV)/bin/python tests/kills.py

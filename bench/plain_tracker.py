@@ -104,7 +104,7 @@ class PlainTracker:
             if state is None or state.disabled_at is None:
                 return False, None
             now = time.time()
-            if now - state.disabled_at < self.cooldown_s:
+            if not now - state.disabled_at >= self.cooldown_s:
                 return True, state.last_error
             state.consecutive_errors = 0
             state.disabled_at = None

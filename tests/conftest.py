@@ -15,7 +15,10 @@ class Spec:
 
 
 class Stored:
-    """A repository and its database, with these rows and this document, whatever SQLite does."""
+    """A repository and its database, with these rows and this document, whatever SQLite does.
+
+    A write happens as a whole or not at all.
+    """
 
     def __init__(self, rows=(), document=None):
         self.rows, self.document, self.db = rows, document, self
@@ -30,16 +33,16 @@ class Stored:
         self.document = parameters[1]
 
     def executemany(self, sql, rows):
-        pass
+        names = {row[0] for row in rows}
+        kept = [row for row in self.rows if row[0] not in names]
+        self.rows = kept if sql.startswith("DELETE") else [*kept, *rows]
 
 
 class SpyDatabase:
-    """The real database, with its calls kept and failures on demand."""
+    """A database, with its calls kept and failures on demand."""
 
     def __init__(self, db):
-        self.db = db
-        self.calls = []
-        self.failures = {}
+        self.db, self.calls, self.failures = db, [], {}
 
     def __getattr__(self, operation):
         def call(sql, *parameters):
@@ -60,12 +63,6 @@ class SpyRepository:
 def repository(tmp_path):
     with Repository(tmp_path) as repository:
         yield SpyRepository(repository)
-
-
-@pytest.fixture
-def db(repository):
-    """The database itself, past the spy."""
-    return repository.db.db
 
 
 @pytest.fixture

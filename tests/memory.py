@@ -5,14 +5,12 @@ is stored is lost; and the next operations work. For `make check`, with failing_
 """
 
 import ctypes
-import itertools
 import logging
 import sys
 from dataclasses import astuple
 
 import _testcapi
-from conftest import Spec
-from leaks import STEPS
+from conftest import Spec, Stored
 from quillet.config import ToolsConfig
 from quillet.tool_handlers import health
 
@@ -20,30 +18,23 @@ fail_new = ctypes.CDLL(None).fail_new
 fail_new.restype = ctypes.c_bool
 
 
-class Database:
-    """Keeps the rows and the document; a write happens as a whole or not at all."""
-
-    def __init__(self):
-        self.rows, self.document, self.db = {}, None, self
-
-    def fetchall(self, sql):
-        return list(self.rows.values())
-
-    def fetchone(self, sql, parameters):
-        return self.document and (self.document,)
-
-    def execute(self, sql, parameters):
-        self.document = parameters[1]
-
-    def executemany(self, sql, rows):
-        names = {row[0]: row for row in rows}
-        kept = {name: row for name, row in self.rows.items() if name not in names}
-        self.rows = kept if sql.startswith("DELETE") else kept | names
+# What a tracker can be asked for.
+STEPS = {
+    "record_success": lambda t: t.record_success("b"),
+    "record_error": lambda t: t.record_error("a", "\u20ac" * 600),
+    "record_error, odd text": lambda t: t.record_error("\udcff", "\udcff"),
+    "is_disabled": lambda t: t.is_disabled("a"),
+    "record_call": lambda t: t.record_call("a", "\udcff", "ok", alias_hit=True, duration_ms=1),
+    "flush": lambda t: t.flush(),
+    "get_health_summary": lambda t: t.get_health_summary(),
+    "views": lambda t: (t._state, t._usage, t._dirty, t._usage_dirty, t.has_unsaved_changes),
+    "start": lambda t: type(t)(t._repo, t.limits),
+}
 
 
 def full_tracker():
     """Some tools and calls stored, one tool disabled, and changes that are not stored yet."""
-    database = Database()
+    database = Stored()
     t = health.ToolHealthTracker(database, ToolsConfig(2, 1e9))
     for name in ("stored", "a", "a", "a"):
         t.record_error(name, "e")
@@ -71,34 +62,26 @@ def check_the_mirror(database, t):
     assert t._usage_dirty or stored._usage == t._usage
 
 
-def failures(step, arm, disarm):
+def sweep(step, arm, disarm):
     """Runs the step with the first allocation failing, the second, and so on, until none does."""
-    passed = 0
-    for n in itertools.count(1):
+    _, t = full_tracker()
+    step(t)
+    after = memory(t)
+    count = passed = number = 0
+    # Some failures are got over, by the interpreter itself or as a history that is left out.
+    while passed < 300:
         database, t = full_tracker()
         before, rows = memory(t), database.rows
-        arm(n)
+        number += 1
+        arm(number)
         try:
             step(t)
             failed = False
         except MemoryError:
             failed = True
         failed = disarm() or failed
-        yield database, t, before, rows, failed
-        # Some failures are got over, by the interpreter itself or as a history that is left out.
-        passed = 0 if failed else passed + 1
-        if passed == 300:
-            return
-
-
-def sweep(step, arm, disarm):
-    _, t = full_tracker()
-    step(t)
-    after = memory(t)
-    count = 0
-    for database, t, before, rows, failed in failures(step, arm, disarm):
         assert memory(t) in ((before, after) if failed else (after,))
-        assert rows.keys() <= database.rows.keys()
+        assert {row[0] for row in rows} <= {row[0] for row in database.rows}
         check_the_mirror(database, t)
         t.record_error("next", "e")
         t.record_call("next", None, "ok", alias_hit=False, duration_ms=None)
@@ -106,6 +89,7 @@ def sweep(step, arm, disarm):
         assert not t.has_unsaved_changes
         check_the_mirror(database, t)
         count += failed
+        passed = 0 if failed else passed + 1
     return count
 
 

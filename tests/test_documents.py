@@ -9,9 +9,13 @@ import sqlite3
 import subprocess
 import sys
 from pathlib import Path
+from types import SimpleNamespace
+from unittest import mock
 
 import pytest
+from conftest import Stored, call
 from documents import ROOT, snippets
+from quillet.config import ToolsConfig
 from quillet.tool_handlers import health
 
 GUIDE = "docs/integration.md"
@@ -56,13 +60,27 @@ def test_the_guide_says_where_the_module_looks():
     rows = re.findall(r"^\| `([\w.]*health)` \| `([\w.]+)` \|$", (ROOT / GUIDE).read_text(), re.M)
     assert len(rows) == 6
     for name, home in rows:
-        spec = importlib.util.spec_from_file_location(name, health.__file__)
-        module = importlib.util.module_from_spec(spec)
-        spec.loader.exec_module(module)
-        with pytest.MonkeyPatch.context() as patch:
-            patch.setitem(sys.modules, home, None)
+        package = home.removesuffix("config")
+        homes = {package + module: None for module in ("config", "tool_registry", "tool_schemas")}
+        with mock.patch.dict(sys.modules, homes):  # as where a registry is importing the module
+            spec = importlib.util.spec_from_file_location(name, health.__file__)
+            module = importlib.util.module_from_spec(spec)
+            spec.loader.exec_module(module)
             with pytest.raises(ImportError, match=f"'ToolsConfig' from '{home}'"):
                 module.ToolHealthTracker(None)
+        found = SimpleNamespace(
+            ToolsConfig=lambda: ToolsConfig(7),
+            TOOLS=SimpleNamespace(get=lambda tool: 0),
+            is_slow_call=lambda tool, action: "slow",
+        )
+        packages = "mydaemon", "company", "company.mydaemon"
+        with mock.patch.dict(sys.modules, dict.fromkeys([*homes, *packages], found)):
+            t = module.ToolHealthTracker(Stored([("a", 1, 2, "e", None, None)]))
+            call(t)
+            [record] = t.get_health_summary()
+        assert (t.limits.disable_after_errors, record["error_count"]) == (7, 2)
+        assert record["usage"][0]["slow"] is True
+        assert module.__name__ == module.logger.name == name
 
 
 def test_the_readme(tmp_path):
