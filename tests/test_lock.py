@@ -14,47 +14,63 @@ class Interrupt(Exception):
     pass
 
 
+def interrupt():
+    raise Interrupt
+
+
 @pytest.fixture
-def signalled():
+def soon():
+    """Has a function called in a moment, by another thread."""
+    before, timers = signal.getsignal(signal.SIGUSR1), []
+
+    def soon(seconds, function, *arguments):
+        timers.append(threading.Timer(seconds, function, arguments))
+        timers[-1].start()
+
+    yield soon
+    signal.signal(signal.SIGUSR1, signal.SIG_IGN)  # where a test fails, one is still to come
+    for timer in timers:
+        timer.join()
+    signal.signal(signal.SIGUSR1, before)
+
+
+@pytest.fixture
+def signalled(soon):
     """Sends this process a signal soon, and lets `handler` handle it."""
-    before = signal.getsignal(signal.SIGUSR1)
 
     def signalled(handler):
         signal.signal(signal.SIGUSR1, lambda *_: handler())
-        threading.Timer(0.05, os.kill, (os.getpid(), signal.SIGUSR1)).start()
+        soon(0.05, os.kill, os.getpid(), signal.SIGUSR1)
 
-    yield signalled
-    signal.signal(signal.SIGUSR1, before)
+    return signalled
 
 
 @pytest.fixture
 def hold(monkeypatch):
     """Has another thread hold a tracker's lock until the event that this returns is set."""
-    holders = []
+    held, over, threads, slow = threading.Event(), threading.Event(), [], []
+
+    def is_slow_call(tool, action):
+        held.set()
+        slow.append(over.wait(5))
+        return slow[0]
 
     def hold(tracker):
-        held, over = threading.Event(), threading.Event()
-
-        def is_slow_call(tool, action):
-            held.set()
-            return over.wait(5)
-
         monkeypatch.setattr(health, "is_slow_call", is_slow_call)
-        rows = []
-        work = lambda: rows.extend(tracker.get_health_summary()[0]["usage"])  # noqa: E731
-        holders.append((threading.Thread(target=work), rows))
-        holders[-1][0].start()
+        threads.append(threading.Thread(target=tracker.get_health_summary))
+        threads[0].start()
         held.wait()
         return over
 
     yield hold
-    for thread, rows in holders:
+    over.set()
+    for thread in threads:
         thread.join()
-        assert rows[0]["slow"] is True  # it was let go of, and did not give up
+        assert slow == [True]  # it was let go of, and did not give up
 
 
 @pytest.mark.parametrize("trace", [None, lambda *_: None])
-def test_a_waiting_call_serves_signals(tracker, hold, signalled, monkeypatch, trace):
+def test_a_waiting_call_serves_signals(tracker, hold, signalled, trace):
     """Also while the holder is traced: then it runs on only once the signal has been served."""
     t = tracker()
     call(t)
@@ -67,9 +83,6 @@ def test_a_waiting_call_serves_signals(tracker, hold, signalled, monkeypatch, tr
 
 
 def test_a_call_that_is_interrupted_has_not_happened(tracker, hold, signalled):
-    def interrupt():
-        raise Interrupt
-
     t = tracker()
     call(t)
     over = hold(t)
@@ -82,15 +95,13 @@ def test_a_call_that_is_interrupted_has_not_happened(tracker, hold, signalled):
 
 
 @pytest.mark.parametrize("write", ["executemany", "execute"])
-def test_a_failed_write_is_marked_whatever_interrupts(tracker, repository, hold, signalled, write):
+def test_a_failed_write_is_marked_whatever_interrupts(
+    tracker, repository, hold, soon, signalled, write
+):
     def fail(*_):
-        over = hold(t)
-        threading.Timer(0.3, over.set).start()
+        soon(0.3, hold(t).set)
         signalled(interrupt)
         raise OSError("no luck")
-
-    def interrupt():
-        raise Interrupt
 
     t = tracker()
     call(t)
