@@ -1,11 +1,13 @@
 """The answers of the status tools that need no tracker."""
 
-import inspect
-import sys
+import threading
+from collections import Counter
 from types import MappingProxyType, SimpleNamespace
 
 import pytest
 from quillet.tool_handlers import health
+from quillet.utils.process import thread_census
+from quillet.utils.timing import TimingCollector
 
 KEYS = ["name", "count", "avg_ms", "p95_ms", "min_ms", "max_ms", "errors"]
 
@@ -30,14 +32,11 @@ def test_performance_stats_pass_the_collectors_objects_on(collector):
     assert [entry["name"] for entry in answer["tools"]] == ["z", "a", "z"]
 
 
-def test_performance_stats_fail_with_their_collector(collector, monkeypatch):
+def test_performance_stats_fail_with_their_collector(collector):
     for key in KEYS:
         collector[:] = [dict.fromkeys(KEYS, 1), {k: 1 for k in KEYS if k != key}]
         with pytest.raises(KeyError, match=key):
             health.handle_get_tool_performance_stats()
-    monkeypatch.setitem(vars(health), "get_timing_collector", lambda: 1 / 0)
-    with pytest.raises(ZeroDivisionError):
-        health.handle_get_tool_performance_stats()
 
 
 def census(os_threads, python_total, names=()):
@@ -79,18 +78,36 @@ def test_a_census_is_taken_only_when_none_is_given(monkeypatch):
     given = falsy(**vars(census(1, 1)))
     assert health.thread_census_report(2, given)["python"] == 1 and not taken
     report = health.thread_census_report(census=None, budget=2)
-    assert report["python"] == 3 and "warning" in report and taken
-    assert str(inspect.signature(health.thread_census_report)) == "(budget, census=None)"
-
-
-def test_a_wrong_budget_or_census_is_named(monkeypatch):
+    assert report["python"] == 3 and type(report["python_by_name"]) is dict and taken
     with pytest.raises(TypeError, match=r"thread_census_report\(\) argument 'budget' must be int"):
-        health.thread_census_report(1.5, census(1, 1))
-    for field in ("os_threads", "python_total", "python_threads"):
-        lacking = census(1, 1)
-        delattr(lacking, field)
-        with pytest.raises(AttributeError, match=field):
-            health.thread_census_report(1, lacking)
-    monkeypatch.setitem(sys.modules, "quillet.utils.process", None)
-    with pytest.raises(ImportError, match="'thread_census' from 'quillet.utils.process'"):
-        health.thread_census_report(1)
+        health.thread_census_report(1.5, given)
+    del given.python_total
+    with pytest.raises(AttributeError, match="python_total"):
+        health.thread_census_report(1, given)
+
+
+def test_the_daemons_collector():
+    timing = TimingCollector()
+    for ms in range(1, 1101):
+        timing.record("t", ms, error=ms % 10 == 0)
+    for ms in (2, 1.0006, 3):
+        timing.record("u", ms, error=False)
+    values = [("t", 1100, 600.5, 1050, 101, 1100, 110), ("u", 3, 2.0, 3, 1.001, 3, 0)]
+    assert [tuple(record[key] for key in KEYS) for record in timing.get_all_stats()] == values
+
+
+def test_the_daemons_census():
+    before, over = thread_census(), threading.Event()
+    names = "pool_0", "pool-x_1", "pool_12", "Thread-7 (work)", "Thread-8 (work)", "_3"
+    threads = [threading.Thread(target=over.wait, name=name) for name in names]
+    try:
+        for thread in threads:
+            thread.start()
+        now = thread_census()
+    finally:
+        over.set()
+        for thread in threads:
+            thread.join()
+    more = Counter(now.python_threads) - Counter(before.python_threads)
+    assert more == {"pool": 2, "pool-x": 1, "Thread (work)": 2, "_3": 1}
+    assert (now.python_total - before.python_total, now.os_threads - before.os_threads) == (6, 6)

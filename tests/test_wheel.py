@@ -39,7 +39,7 @@ def test_wheels_are_built_installed_and_used_as_the_documents_say(tmp_path, monk
     monkeypatch.setenv("CXXFLAGS", "-O0")
     monkeypatch.chdir(tmp_path)
     files = run("git", "ls-files", "-co", "--exclude-standard", cwd=ROOT).splitlines()
-    for file in files:
+    for file in (name for name in files if (ROOT / name).exists()):
         (tmp_path / file).parent.mkdir(parents=True, exist_ok=True)
         shutil.copy2(ROOT / file, tmp_path / file)
     run("git", "init", "--quiet")
