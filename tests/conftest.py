@@ -38,25 +38,20 @@ class Stored:
         self.rows = kept if sql.startswith("DELETE") else [*kept, *rows]
 
 
-class SpyDatabase:
-    """A database, with its calls kept and failures on demand."""
+class SpyRepository:
+    """A repository and its database, with its calls kept and failures on demand."""
 
-    def __init__(self, db):
-        self.db, self.calls, self.failures = db, [], {}
+    def __init__(self, repository):
+        self.db, self.spied, self.calls, self.failures = self, repository.db, [], {}
 
     def __getattr__(self, operation):
         def call(sql, *parameters):
             self.calls.append((operation, sql, *parameters))
             if operation in self.failures:
                 raise self.failures[operation]
-            return getattr(self.db, operation)(sql, *parameters)
+            return getattr(self.spied, operation)(sql, *parameters)
 
         return call
-
-
-class SpyRepository:
-    def __init__(self, repository):
-        self.db = SpyDatabase(repository.db)
 
 
 @pytest.fixture
@@ -77,10 +72,8 @@ def tracker(repository):
 
 @pytest.fixture(autouse=True)
 def daemon(monkeypatch):
-    tools = {"a": Spec("x", "y"), "b": Spec(), "c": Spec()}
-    monkeypatch.setitem(vars(health), "TOOLS", tools)
+    monkeypatch.setitem(vars(health), "TOOLS", {"a": Spec("x"), "b": Spec()})
     monkeypatch.setitem(vars(health), "is_slow_call", lambda tool, action: action == "x")
-    return tools
 
 
 def call(tracker, tool="a", action=None, outcome="ok", alias_hit=False, duration_ms=None):

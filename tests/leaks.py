@@ -37,7 +37,6 @@ def live(seed):
 
 def make_mistakes(_):
     row = ("b", 1, 1, "e", None, None)
-    documents = "[]]", '[{"tool": "b"}]', "5", "[" * 100_000
     t = health.ToolHealthTracker(Stored())
     for operation, args, kwargs, _ in WRONG:
         attempt(getattr(t, operation), *args, **kwargs)
@@ -46,7 +45,7 @@ def make_mistakes(_):
             attempt(
                 health.ToolHealthTracker, Stored([row, (*row[:column], odd, *row[column + 1 :])])
             )
-    for document in documents:
+    for document in ("[]]", '[{"tool": "b"}]', "5", "[" * 100_000):
         attempt(health.ToolHealthTracker, Stored((), document))
     for stats in ([dict.fromkeys(KEYS, 1.5)], [{}], 5):
         collector = SimpleNamespace(get_all_stats=lambda stats=stats: stats)

@@ -95,10 +95,8 @@ def sweep(step, arm, disarm):
 
 def main():
     logging.disable()
-    names = ("a", "b", "\udcff", "stored", "changed", "next")
-    vars(health).update(
-        TOOLS={name: Spec("\udcff") for name in names}, is_slow_call=lambda tool, action: False
-    )
+    tools = dict.fromkeys(("a", "b", "\udcff", "stored", "changed", "next"), Spec("\udcff"))
+    vars(health).update(TOOLS=tools, is_slow_call=lambda tool, action: False)
     for name, step in STEPS.items():
         python = sweep(
             step,

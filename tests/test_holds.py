@@ -57,15 +57,14 @@ def other():
     sys.setswitchinterval(interval)
 
 
-def in_turns(other, work, prepare=lambda: None):
+def in_turns(other, work):
     """Whether the work marks its entries, and never three quarters of ENTRIES in one go.
 
     Where others are let in, they may come late on a busy machine; where not, they never come.
     """
     for _ in range(30):
-        prepared = prepare()
         other.marks.clear()
-        work(prepared)
+        work()
         holds = [len(hold) for hold in "".join(other.marks).split("|")]
         if sum(holds) > 0.9 * ENTRIES and max(holds) < 0.75 * ENTRIES:
             return True
@@ -75,7 +74,7 @@ def in_turns(other, work, prepare=lambda: None):
 @pytest.mark.parametrize("operation", ["_flush_health", "get_health_summary"])
 def test_a_flush_and_a_summary_build_in_turns(other, operation, monkeypatch):
     monkeypatch.setattr(health, "is_slow_call", lambda *_: other.marks.append("."))
-    assert in_turns(other, lambda t: getattr(t, operation)(), prepare=full_tracker)
+    assert in_turns(other, lambda: getattr(full_tracker(), operation)())
 
 
 def test_a_start_reads_in_turns(other, monkeypatch):
@@ -94,7 +93,7 @@ def test_a_start_reads_in_turns(other, monkeypatch):
     monkeypatch.setattr(health, "TOOLS", SimpleNamespace(get=lambda tool: marked(Spec())))
     monkeypatch.setattr(json, "loads", elements)
     stored = Stored([Row()] * ENTRIES, "in a form of its own")
-    assert in_turns(other, lambda _: health.ToolHealthTracker(stored))
+    assert in_turns(other, lambda: health.ToolHealthTracker(stored))
     assert other.marks.count(".") >= 4 * ENTRIES
 
 
@@ -121,14 +120,13 @@ def test_a_document_is_written_beside_others(other):
 
 def test_a_document_is_read_and_a_summary_gathered_beside_others(other, monkeypatch):
     """After the work began (F), and before anything of the interpreter's is done for an entry."""
-    full, written = full_tracker(), []
-    full._repo.db.execute = lambda sql, parameters: written.append(parameters[1])
+    full = full_tracker()
     full.flush()
 
     def marking(mark, answer):
         return lambda *_: other.marks.append(mark) or answer
 
-    db = SimpleNamespace(fetchall=lambda _: [], fetchone=marking("F", written))
+    db = SimpleNamespace(fetchall=lambda _: [], fetchone=marking("F", [full._repo.document]))
     monkeypatch.setattr(health, "TOOLS", SimpleNamespace(get=marking(".", Spec())))
     monkeypatch.setattr(health, "is_slow_call", marking(".", False))
     for work in (

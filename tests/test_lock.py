@@ -10,12 +10,8 @@ from conftest import call
 from quillet.tool_handlers import health
 
 
-class Interrupt(Exception):
-    pass
-
-
 def interrupt():
-    raise Interrupt
+    raise InterruptedError
 
 
 @pytest.fixture
@@ -88,7 +84,7 @@ def test_a_call_that_is_interrupted_has_not_happened(tracker, hold, signalled):
     over = hold(t)
     for operation in (lambda: t.record_success("a"), t.flush, t.get_health_summary):
         signalled(interrupt)
-        with pytest.raises(Interrupt):
+        with pytest.raises(InterruptedError):
             operation()
     over.set()
     assert t._state == {} and t.has_unsaved_changes
@@ -107,7 +103,7 @@ def test_a_failed_write_is_marked_whatever_interrupts(
     call(t)
     t.record_success("a")
     setattr(repository.db, write, fail)
-    with pytest.raises(Interrupt) as raised:
+    with pytest.raises(InterruptedError) as raised:
         t.flush()
     assert isinstance(raised.value.__context__, OSError)
     assert (t._dirty, t._usage_dirty) == ({"a"} if write == "executemany" else set(), True)

@@ -10,18 +10,9 @@ from conftest import call
 from quillet.tool_handlers import health
 
 
-def test_the_keys_are_in_order_and_the_answer_the_callers_own(tracker):
+def test_equal_tools_stay_in_the_order_in_which_they_came(tracker):
     t = tracker()
-    t.record_success("a")
-    call(t)
-    [record] = t.get_health_summary()
-    assert " ".join(record) == (
-        "tool_name call_count error_count last_error disabled disabled_at updated_at usage"
-    )
-    assert " ".join(record["usage"][0]) == "action outcome alias_hit calls avg_ms slow"
-    record["usage"].clear()
-    assert len(t.get_health_summary()[0]["usage"]) == 1
-    for number in range(50):  # equal ones stay in the order in which they came
+    for number in range(50):
         t.record_success(f"tool {number}")
     assert [record["tool_name"] for record in t.get_health_summary()] == list(t._state)
 

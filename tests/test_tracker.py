@@ -4,7 +4,6 @@ import copy
 import gc
 import inspect
 import logging
-import time
 import weakref
 from unittest import mock
 
@@ -37,26 +36,24 @@ def test_a_wrong_argument_is_named_and_records_nothing(tracker, operation, args,
     assert (t._state, t._usage, t.has_unsaved_changes) == ({}, {}, False)
 
 
-def test_arguments_may_be_named(tracker):
-    t = health.ToolHealthTracker(limits=ToolsConfig(1), repository=tracker()._repo)
-    t.record_call(
-        **{"duration_ms": 1, "alias_hit": False}, tool_name="a", outcome="ok", action=None
-    )
+def test_arguments_may_be_named():
+    t = health.ToolHealthTracker(limits=ToolsConfig(1), repository=Stored())
+    t.record_call(**NAMED | {"duration_ms": 1}, tool_name="a", outcome="ok", action=None)
     t.record_error("a", error="e")
     assert t.is_disabled(**{"".join(["tool_", "name"]): "a"}) == (True, "e")
     with pytest.raises(OverflowError):
         call(t, duration_ms=10**400)
-    assert t._usage[("a", None, "ok", False)].calls == 1
+    assert t._usage[("a", None, "ok", True)].calls == 1
 
 
-def test_settings_are_those_given_and_read_when_they_are_needed(tracker):
+def test_settings_are_those_given_and_read_when_they_are_needed():
     class Settings(type):
         __bool__ = lambda cls: False  # noqa: E731
 
     class settings(metaclass=Settings):
         disable_after_errors = 1
 
-    t = health.ToolHealthTracker(tracker()._repo, settings)
+    t = health.ToolHealthTracker(Stored(), settings)
     assert t.limits is t._limits is settings
     t.record_error("a", "2")
     with pytest.raises(AttributeError, match="disable_cooldown_s"):
@@ -67,10 +64,10 @@ def test_settings_are_those_given_and_read_when_they_are_needed(tracker):
     with pytest.raises(AttributeError, match="disable_after_errors"):
         t.record_error("a", "3")
     assert t._state["a"].error_count == 2  # the call failed all the same
-    assert health.ToolHealthTracker(t._repo, None).limits == ToolsConfig()
+    assert health.ToolHealthTracker(Stored(), None).limits == ToolsConfig()
 
 
-def test_the_cooldown_is_read_through_its_property(tracker):
+def test_the_cooldown_is_read_through_its_property():
     class Hasty(health.ToolHealthTracker):
         @property
         def cooldown_s(self):
@@ -79,17 +76,9 @@ def test_the_cooldown_is_read_through_its_property(tracker):
             return 0.0
 
     asked = []
-    t = Hasty(tracker()._repo, ToolsConfig(1, 1000.0))
+    t = Hasty(Stored(), ToolsConfig(1, 1000.0))
     t.record_error("a", "e")
     assert t.is_disabled("a") == (False, None) and len(asked) == 2
-
-
-def test_the_clock_is_the_interpreters(tracker):
-    t = tracker(errors=1)
-    for _ in range(300):
-        before = time.time()
-        t.record_error("a", "e")
-        assert before <= t._state["a"].disabled_at == t._state["a"].updated_at <= time.time()
 
 
 def test_counts_stay_at_their_limit_and_beyond_it_are_errors():
@@ -97,10 +86,9 @@ def test_counts_stay_at_their_limit_and_beyond_it_are_errors():
     t = health.ToolHealthTracker(Stored([row]))
     t.record_success("a")
     assert t._state["a"].call_count == 2**63 - 1
-    for wrong, error in ((2**63, OverflowError), (object(), TypeError)):
-        for column in (2, 3) if error is TypeError else (2,):
-            with pytest.raises(error):
-                health.ToolHealthTracker(Stored([(*row[:column], wrong, *row[column + 1 :])]))
+    for column, wrong in ((2, 2**63), (2, object()), (3, object())):
+        with pytest.raises((OverflowError, TypeError)):
+            health.ToolHealthTracker(Stored([(*row[:column], wrong, *row[column + 1 :])]))
 
 
 @pytest.mark.parametrize("operation", ["fetchall", "fetchone"])
