@@ -26,7 +26,6 @@ OPERATIONS: list[tuple[str, str, float, float | None]] = [
     ("a guarded call: three of these", GUARDED_CALL, 5, None),
 ]
 DISABLED_TOOL = 1
-OVER_THE_FLOOR = ", over the floor"
 
 
 def figures() -> Iterator[Figure]:
@@ -50,7 +49,7 @@ def figures() -> Iterator[Figure]:
         yield Figure(subject, ns["component"], ns["plain"], "ns", ratio, at_least)
         if floors:
             ratio = median_ratio(net["component"], net["floor"])
-            subject += OVER_THE_FLOOR
+            subject += ", over the floor"
             yield Figure(subject, ns["component"], ns["floor"], "ns", ratio, at_most=floors)
 
 

@@ -1,33 +1,22 @@
-"""The two trackers under the same collaborators, and the databases they are measured on."""
+"""The two trackers under the same collaborators, over a database of no cost of its own."""
 
-import sqlite3
 from collections.abc import Callable, Sequence
 from dataclasses import dataclass
-from pathlib import Path
 from typing import Any
 
-from plain_tracker import COLUMNS, PlainTracker
+from plain_tracker import PlainTracker
+from quillet.config import ToolsConfig
 from quillet.tool_handlers import health
 
-ACTIONS = [f"action_{number}" for number in range(10)]
+ACTIONS = 10
 SLOW_CALLS = frozenset({("tool_00000", "action_1"), ("tool_00001", None)})
-SCHEMA = f"""CREATE TABLE tool_health ({COLUMNS}, PRIMARY KEY (tool_name));
-            CREATE TABLE schema_info (key PRIMARY KEY, value);"""
-
-
-@dataclass(frozen=True)
-class Limits:
-    """The tools settings; no tool comes back from its cooldown during a measurement."""
-
-    disable_after_errors: int = 5
-    disable_cooldown_s: float = 3600.0
+LIMITS = ToolsConfig(5, 3600.0)  # no tool comes back from its cooldown during a measurement
 
 
 class Spec:
     """A registered tool that has every action."""
 
     def action(self, name: str) -> str:
-        """The entry of an action."""
         return name
 
 
@@ -39,53 +28,23 @@ class MemoryDb:
         self._document: tuple[str] | None = None
 
     def fetchall(self, _: str) -> Sequence[tuple[Any, ...]]:
-        """The rows of the latest flush."""
         return self._rows
 
     def fetchone(self, *_: object) -> tuple[str] | None:
-        """The document of the latest flush."""
         return self._document
 
     def execute(self, _: str, parameters: tuple[str, str]) -> None:
-        """Keep a document."""
         self._document = parameters[1:]
 
     def executemany(self, _: str, rows: Sequence[tuple[Any, ...]]) -> None:
-        """Keep the rows."""
         self._rows = rows
-
-
-class FileDb:
-    """A database file with the two tables; each call is durable when it returns."""
-
-    def __init__(self, path: Path) -> None:
-        self._connection = sqlite3.connect(path)
-        self._connection.executescript(SCHEMA)
-
-    def fetchall(self, sql: str) -> list[Any]:
-        """Every row of a statement."""
-        return self._connection.execute(sql).fetchall()
-
-    def fetchone(self, sql: str, parameters: tuple[Any, ...]) -> Any:
-        """The first row of a statement, or None."""
-        return self._connection.execute(sql, parameters).fetchone()
-
-    def execute(self, sql: str, parameters: tuple[Any, ...]) -> None:
-        """Run and commit one statement."""
-        with self._connection:
-            self._connection.execute(sql, parameters)
-
-    def executemany(self, sql: str, rows: Sequence[tuple[Any, ...]]) -> None:
-        """Run one statement for each row and commit them together."""
-        with self._connection:
-            self._connection.executemany(sql, rows)
 
 
 @dataclass
 class Repository:
     """What a tracker asks of its repository."""
 
-    db: MemoryDb | FileDb
+    db: Any
 
 
 def tool_name(number: int) -> str:
@@ -94,7 +53,6 @@ def tool_name(number: int) -> str:
 
 
 def is_slow_call(tool: str, action: str | None) -> bool:
-    """Whether that action of the tool is slow by nature."""
     return (tool, action) in SLOW_CALLS
 
 
@@ -102,30 +60,25 @@ TOOLS = {tool_name(number): Spec() for number in range(10_000)}
 health.TOOLS = TOOLS
 health.is_slow_call = is_slow_call
 
-CONTENDERS: dict[str, Callable[[MemoryDb | FileDb], Any]] = {
-    "component": lambda db: health.ToolHealthTracker(Repository(db), Limits()),
-    "plain": lambda db: PlainTracker(Repository(db), Limits(), TOOLS, is_slow_call),
+CONTENDERS: dict[str, Callable[[Any], Any]] = {
+    "component": lambda db: health.ToolHealthTracker(Repository(db), LIMITS),
+    "plain": lambda db: PlainTracker(Repository(db), LIMITS, TOOLS, is_slow_call),
 }
 
 
-def change_tools(tracker: Any, tools: int) -> None:
-    """Change the record of every tool."""
-    for number in range(tools):
-        tracker.record_success(tool_name(number))
+def change_all(tracker: Any, tools: int, actions: int = ACTIONS) -> None:
+    """Change the record of every tool, and its usage keys."""
+    names = [f"action_{number}" for number in range(actions)]
+    for tool in map(tool_name, range(tools)):
+        tracker.record_success(tool)
+        for action in names:
+            tracker.record_call(tool, action, "ok", alias_hit=False, duration_ms=1.25)
 
 
-def change_usage(tracker: Any, tools: int) -> None:
-    """Change the ten usage keys of every tool."""
-    for name in map(tool_name, range(tools)):
-        for action in ACTIONS:
-            tracker.record_call(name, action, "ok", alias_hit=False, duration_ms=1.25)
-
-
-def filled(name: str, db: MemoryDb | FileDb, tools: int) -> Any:
-    """A contender's tracker of so many changed tools with ten usage keys each."""
+def filled(name: str, db: Any, tools: int, actions: int = ACTIONS) -> Any:
+    """A contender's tracker of so many changed tools with so many usage keys each."""
     tracker = CONTENDERS[name](db)
-    change_tools(tracker, tools)
-    change_usage(tracker, tools)
+    change_all(tracker, tools, actions)
     return tracker
 
 

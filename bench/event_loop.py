@@ -20,7 +20,7 @@ from functools import partial
 from statistics import quantiles
 from typing import Any
 
-from contenders import CONTENDERS, MemoryDb, change_tools, change_usage, filled
+from contenders import CONTENDERS, MemoryDb, change_all, filled
 from figures import Figure
 from timing import interleaved
 
@@ -28,7 +28,6 @@ CPUS = sorted(os.sched_getaffinity(0))
 MEASURABLE_MS = 0.1  # an idle loop's own latest wakes are as far apart
 LIMIT_MS = 1.0
 Wakes = tuple[float, float]  # the latest of the work and of the sleep, in seconds
-Measures = dict[str, Callable[[], Wakes]]
 
 
 def figures() -> Iterator[Figure]:
@@ -53,24 +52,23 @@ def growth_figures() -> Iterator[Figure]:
         yield Figure(subject, large, small, "ms", ratio, component_under=limit)
 
 
-def _samples(rounds: int, measures: Measures) -> dict[str, float]:
+def _samples(rounds: int, measures: dict[str, Callable[[], Wakes]]) -> dict[str, float]:
     gc.freeze()  # what was made so far is no part of the collections that the work sets off
     return {name: _added_ms(runs) for name, runs in interleaved(rounds, measures).items()}
 
 
 def _added_ms(runs: list[Wakes]) -> float:
-    during_work, during_sleep = (quantiles(wakes, n=4)[0] for wakes in zip(*runs))
-    return max(during_work - during_sleep, 0) * 1e3
+    work, sleep = (quantiles(wakes, n=4)[0] for wakes in zip(*runs))
+    return max(work - sleep, 0) * 1e3
 
 
-def _measures(name: str, tools: int) -> Measures:
+def _measures(name: str, tools: int) -> dict[str, Callable[[], Wakes]]:
     db = MemoryDb()
     tracker = filled(name, db, tools)
     tracker.flush()
 
     def flush_everything() -> Wakes:
-        change_tools(tracker, tools)
-        change_usage(tracker, tools)
+        change_all(tracker, tools)
         return _latest_wakes(tracker.flush)
 
     return {
@@ -104,7 +102,7 @@ def _latest_wake(work: Callable[[], Any]) -> tuple[float, Any]:
 
 
 async def _watch(work: Callable[[], Any]) -> tuple[float, Any]:
-    results = []
+    results, latest = [], 0.0
 
     def padded() -> None:
         os.sched_setaffinity(0, CPUS[1:] or CPUS)
@@ -116,7 +114,6 @@ async def _watch(work: Callable[[], Any]) -> tuple[float, Any]:
     thread = threading.Thread(target=padded)
     thread.start()
     await asyncio.sleep(0.002)
-    latest = 0.0
     while thread.is_alive():
         due = time.perf_counter() + 0.001
         await asyncio.sleep(0.001)

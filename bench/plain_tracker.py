@@ -4,7 +4,6 @@ import json
 import logging
 import threading
 import time
-from collections.abc import Callable
 from dataclasses import dataclass
 from datetime import datetime, timezone
 from typing import Any
@@ -49,9 +48,9 @@ class Usage:
 
 def timestamp(epoch: float | None) -> str | None:
     """The text under which the health table stores a time."""
-    return (
-        None if epoch is None else datetime.fromtimestamp(epoch, timezone.utc).strftime(TIMESTAMP)
-    )
+    if epoch is None:
+        return None
+    return datetime.fromtimestamp(epoch, timezone.utc).strftime(TIMESTAMP)
 
 
 def epoch(text: str | None) -> float | None:
@@ -67,13 +66,7 @@ def epoch(text: str | None) -> float | None:
 class PlainTracker:
     """Tool health in memory, mirrored in the repository's database."""
 
-    def __init__(
-        self,
-        repository: Any,
-        limits: Any,
-        tools: Any,
-        is_slow_call: Callable[[str, str | None], bool],
-    ) -> None:
+    def __init__(self, repository: Any, limits: Any, tools: Any, is_slow_call: Any) -> None:
         self._repo = repository
         self._limits = limits
         self._tools = tools
@@ -136,13 +129,7 @@ class PlainTracker:
             self._dirty.add(tool_name)
 
     def record_call(
-        self,
-        tool_name: str,
-        action: str | None,
-        outcome: str,
-        *,
-        alias_hit: bool,
-        duration_ms: float | None,
+        self, tool_name: str, action: Any, outcome: str, *, alias_hit: bool, duration_ms: Any
     ) -> None:
         """Count a call under its usage key."""
         key = (tool_name, action, outcome, alias_hit)

@@ -13,8 +13,9 @@ import event_loop
 import growth
 import memory
 import picture
+import start
+import summary
 import threads
-import whole_state
 from figures import heading
 
 SECTIONS = [
@@ -22,23 +23,14 @@ SECTIONS = [
     ("Threads at once: how many times as many calls", "plain", threads.figures),
     (picture.DELAYS, "plain", event_loop.figures),
     ("The same at 100,000 keys beside 1,000", "at 1,000", event_loop.growth_figures),
-    ("Summary: how many times as fast", "plain", whole_state.summary_figures),
-    (
-        "Start, 1,000 tools and 10,000 keys: how many times as fast",
-        "plain",
-        whole_state.start_figures,
-    ),
+    ("Summary: how many times as fast", "plain", summary.figures),
+    ("Start, 1,000 tools and 10,000 keys: how many times as fast", "plain", start.figures),
     ("Memory: what part of the plain class's", "plain", memory.figures),
-    (
-        "Growth from 100 keys to 10,000: the exponent, 0 constant, 1 linear",
-        "at 100",
-        growth.figures,
-    ),
+    (growth.TITLE, "at 100", growth.figures),
 ]
 
 
 def main() -> None:
-    """Run every section in turn."""
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--json", type=_writable, metavar="FILE", help="write the figures there")
     parser.add_argument("--plot", type=_writable, metavar="FILE.svg", help="draw them there")
@@ -49,7 +41,7 @@ def main() -> None:
         "switch_interval_ms": sys.getswitchinterval() * 1e3,
     }
     print(", ".join(f"{name} {value}" for name, value in setting.items()))
-    start = time.perf_counter()
+    begun = time.perf_counter()
     report = {}
     for title, other, measure in SECTIONS:
         print(heading(title, other), flush=True)
@@ -58,7 +50,7 @@ def main() -> None:
             print(figure.line(), flush=True)
             report[title].append(figure)
     missed = sum(figure.met is False for figures in report.values() for figure in figures)
-    print(f"\n{missed} missed; measured in {time.perf_counter() - start:.0f} s")
+    print(f"\n{missed} missed; measured in {time.perf_counter() - begun:.0f} s")
     if arguments.json:
         sections = {title: [f.as_json() for f in figures] for title, figures in report.items()}
         arguments.json.write_text(json.dumps(setting | {"sections": sections}, indent=2) + "\n")

@@ -1,59 +1,39 @@
-"""What a start costs with 10,000, 100,000 and 1,000,000 usage keys in a database file.
+"""What a start costs with so much stored."""
 
-Every start has a process of its own; the median of five.
-"""
-
+import gc
 import tempfile
-import time
-from multiprocessing import get_context
+from collections.abc import Iterator
+from functools import partial
 from pathlib import Path
 from statistics import median
+from typing import Any
 
-from quillet.config import ToolsConfig
+from contenders import CONTENDERS, MemoryDb, filled
+from figures import Figure
 from quillet.repository import Repository
-from quillet.tool_handlers import health
+from timing import interleaved, median_ratio, timed
 
-SIZES = (10_000, 100_000, 1_000_000)
-STARTS = 5
-TOOLS = 100
+TOOLS = 1_000
 
 
-class Tool:
-    def action(self, name):
-        return self
+def figures() -> Iterator[Figure]:
+    """The start from 10,000 usage keys, in a database file and in memory; and from more."""
+    yield _from_a_file("start, from a file", actions=10, rounds=15, at_least=4)
+    yield _figure("start, from memory", MemoryDb(), actions=10, rounds=15, at_least=4)
+    yield _from_a_file("start, 100,000 keys from a file", actions=100, rounds=5)
+    yield _from_a_file("start, 1,000,000 keys from a file", actions=1_000, rounds=3)
 
 
-health.TOOLS = {f"tool_{n}": Tool() for n in range(TOOLS)}
+def _from_a_file(subject: str, **options: Any) -> Figure:
+    with tempfile.TemporaryDirectory() as folder, Repository(Path(folder)) as repository:
+        return _figure(subject, repository.db, **options)
 
 
-def store(folder, keys):
-    """Fills the folder's database; returns the size of the usage document in bytes."""
-    with Repository(folder) as repository:
-        tracker = health.ToolHealthTracker(repository, ToolsConfig())
-        for n in range(keys):
-            tool, action = f"tool_{n % TOOLS}", f"action_{n // TOOLS}"
-            tracker.record_success(tool)
-            tracker.record_call(tool, action, "ok", alias_hit=False, duration_ms=n / 7)
-        tracker.flush()
-        size = "SELECT length(value) FROM schema_info WHERE key = ?"
-        return repository.db.fetchone(size, ("tool_usage",))[0]
-
-
-def start(folder):
-    """The seconds that one start takes."""
-    with Repository(folder) as repository:
-        started = time.perf_counter()
-        tracker = health.ToolHealthTracker(repository, ToolsConfig())
-        elapsed_s = time.perf_counter() - started
-        assert not tracker.has_unsaved_changes
-        return elapsed_s
-
-
-if __name__ == "__main__":
-    print("usage keys   document       start")
-    for keys in SIZES:
-        with tempfile.TemporaryDirectory() as name:
-            size = store(Path(name), keys)
-            with get_context("spawn").Pool(1, maxtasksperchild=1) as processes:
-                starts = [processes.apply(start, (Path(name),)) for _ in range(STARTS)]
-            print(f"{keys:10,} {size / 1e6:7.1f} MB {median(starts) * 1e3:8.0f} ms")
+def _figure(subject: str, db: Any, actions: int, rounds: int, at_least: Any = None) -> Figure:
+    filled("component", db, TOOLS, actions).flush()
+    gc.freeze()
+    starts = {name: timed(partial(start, db)) for name, start in CONTENDERS.items()}
+    samples = interleaved(rounds, starts)
+    ms = {name: median(times) * 1e3 for name, times in samples.items()}
+    ratio = median_ratio(samples["plain"], samples["component"])
+    return Figure(subject, ms["component"], ms["plain"], "ms", ratio, at_least)

@@ -18,8 +18,8 @@ def figures() -> Iterator[Figure]:
     """Calls a second from 2 and from 8 threads at once."""
     trackers = both(tools=100)
     for threads in (2, 8):
-        measures = {name: _crowd(tracker, threads) for name, tracker in trackers.items()}
-        samples = interleaved(15, measures)
+        crowds = {name: _crowd(tracker, threads) for name, tracker in trackers.items()}
+        samples = interleaved(15, crowds)
         rates = {name: median(times) / 1e3 for name, times in samples.items()}
         ratio = median_ratio(samples["component"], samples["plain"])
         subject = f"guarded calls, {threads} threads"
