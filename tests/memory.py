@@ -18,7 +18,6 @@ fail_new = ctypes.CDLL(None).fail_new
 fail_new.restype = ctypes.c_bool
 
 
-# What a tracker can be asked for.
 STEPS = {
     "record_success": lambda t: t.record_success("b"),
     "record_error": lambda t: t.record_error("a", "\u20ac" * 600),

@@ -19,6 +19,7 @@ def nowhere(monkeypatch):
 
 def test_what_is_nowhere_is_named(repository, tracker, nowhere, monkeypatch, caplog):
     t = tracker()
+    assert t.get_health_summary() == []
     with pytest.raises(ImportError, match="'ToolsConfig' from 'quillet.config'") as raised:
         health.ToolHealthTracker(repository)
     assert isinstance(raised.value.__cause__, ModuleNotFoundError)

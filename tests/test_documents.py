@@ -100,14 +100,9 @@ def test_the_readme(tmp_path):
 
 
 def test_the_example_daemon_saves_now_and_then_and_at_its_end(plain):
-    daemon = subprocess.Popen(
-        [sys.executable, "-c", DAEMON],
-        stdin=subprocess.PIPE,
-        stdout=subprocess.PIPE,
-        stderr=subprocess.PIPE,
-        text=True,
-        errors="surrogateescape",
-    )
+    command = [sys.executable, "-c", DAEMON]
+    options = dict.fromkeys(("stdin", "stdout", "stderr"), subprocess.PIPE)
+    daemon = subprocess.Popen(command, text=True, errors="surrogateescape", **options)
 
     def ask(*calls):
         daemon.stdin.write("".join(call + "\n" for call in calls))
@@ -129,9 +124,7 @@ def test_the_example_daemon_saves_now_and_then_and_at_its_end(plain):
     assert daemon.wait() == 0, daemon.stderr.read()
     rows = db.execute("SELECT tool_name, call_count, disabled_at IS NULL FROM tool_health")
     assert sorted(rows) == [("odd", 1, 1), ("size", 3, 0), ("upper", 2, 1)]
-    again = subprocess.run(
-        [sys.executable, "-c", DAEMON], input="size .\n", capture_output=True, text=True
-    )
+    again = subprocess.run(command, input="size .\n", capture_output=True, text=True)
     assert again.stdout.startswith("size is disabled"), again.stderr
     daemon.communicate()
     db.close()

@@ -28,14 +28,14 @@ def test_performance_stats_pass_the_collectors_objects_on(monkeypatch):
         records[:] = [dict.fromkeys(KEYS, 1), {k: 1 for k in KEYS if k != key}]
         with pytest.raises(KeyError, match=key):
             health.handle_get_tool_performance_stats()
+    collector.get_all_stats = lambda: (1 / 0 for _ in "a")
+    with pytest.raises(ZeroDivisionError):
+        health.handle_get_tool_performance_stats()
 
 
-def census(os_threads, python_total, names=()):
-    return SimpleNamespace(
-        os_threads=os_threads,
-        python_total=python_total,
-        python_threads=MappingProxyType(dict(names)),
-    )
+def census(os, total, names=()):
+    threads = MappingProxyType(dict(names))
+    return SimpleNamespace(os_threads=os, python_total=total, python_threads=threads)
 
 
 @pytest.mark.parametrize(

@@ -105,7 +105,8 @@ def test_an_unreadable_history_is_logged_but_no_interrupt(tracker, repository, c
 
 def test_it_answers_like_a_python_class(tracker):
     cls = health.ToolHealthTracker
-    assert cls.__module__ == health.__name__
+    classes = cls, health._ToolState, health._Usage
+    assert {one.__module__ for one in classes} == {health.__name__}
     assert str(inspect.signature(cls)) == "(repository, limits=None)"
     t = tracker()
     with mock.patch.object(cls, "is_disabled", return_value="patched"):
