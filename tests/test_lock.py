@@ -10,7 +10,7 @@ from conftest import call
 from quillet.tool_handlers import health
 
 
-def interrupt():
+def interrupt(frame):
     raise InterruptedError
 
 
@@ -32,10 +32,10 @@ def soon():
 
 @pytest.fixture
 def signalled(soon):
-    """Sends this process a signal soon, and lets `handler` handle it."""
+    """Sends this process a signal soon, and lets `handler` handle it where it comes."""
 
     def signalled(handler):
-        signal.signal(signal.SIGUSR1, lambda *_: handler())
+        signal.signal(signal.SIGUSR1, lambda _, frame: handler(frame))
         soon(0.05, os.kill, os.getpid(), signal.SIGUSR1)
 
     return signalled
@@ -48,7 +48,7 @@ def hold(monkeypatch):
 
     def is_slow_call(tool, action):
         held.set()
-        slow.append(over.wait(5))
+        slow.append(over.wait(60))
         return slow[0]
 
     def hold(tracker):
@@ -73,7 +73,7 @@ def test_a_waiting_call_serves_signals(tracker, hold, signalled, trace):
     threading.settrace(trace)
     over = hold(t)
     threading.settrace(sys.gettrace())
-    signalled(over.set)
+    signalled(lambda frame: over.set())
     t.record_success("a")
     assert t._state["a"].call_count == 1
 
@@ -83,8 +83,8 @@ def test_a_call_that_is_interrupted_has_not_happened(tracker, hold, signalled):
     call(t)
     over = hold(t)
     for operation in (lambda: t.record_success("a"), t.flush, t.get_health_summary):
-        signalled(interrupt)
         with pytest.raises(InterruptedError):
+            signalled(interrupt)
             operation()
     over.set()
     assert t._state == {} and t.has_unsaved_changes
@@ -95,11 +95,17 @@ def test_a_failed_write_is_marked_whatever_interrupts(
     tracker, repository, hold, soon, signalled, write
 ):
     def fail(*_):
-        soon(0.3, hold(t).set)
-        signalled(interrupt)
+        overs.append(hold(t))
+        signalled(interrupt_the_flush)
         raise OSError("no luck")
 
-    t = tracker()
+    def interrupt_the_flush(frame):
+        if frame is not this:  # the write is still failing
+            return signalled(interrupt_the_flush)
+        soon(0.05, overs[0].set)
+        raise InterruptedError
+
+    t, this, overs = tracker(), sys._getframe(), []
     call(t)
     t.record_success("a")
     setattr(repository.db, write, fail)
