@@ -18,7 +18,7 @@ from quillet.tool_handlers import health
 ODD = 'a\0\n"\\\x7f\xe9\u20ac\U0001f600\udcff'
 ERRORS = None, "", "no luck", "so what", "\u20ac" * 501
 FAILURES = RuntimeError("no luck"), KeyboardInterrupt()
-DURATIONS = None, 0, 0.0, 0.0625, 1.0005, 41.87650000001, -1e15, 1e16, math.inf, math.nan
+DURATIONS = None, 0, 0.0, 0.0625, 1.0005, 41.87650000001, 2e13 / 3, -1e15, 1e16, math.inf, math.nan
 COOLDOWNS = 1e9, 1e9, 0.0, False, -1, 10**400, -(10**400), math.inf, math.nan
 RUNS = 0, 1, 2, 2.5, 3, math.inf, 10**400
 
@@ -60,7 +60,7 @@ class Life:
         self.actions = random.choices([None, "x", "None", self.text(), self.text()], k=3)
         self.durations = random.choices([*DURATIONS, random.uniform(0, 100)], k=2)
         self.settings = SimpleNamespace(disable_after_errors=self.choice(RUNS))
-        self.said = [], []  # to others: questions and warnings
+        self.said = [repository.calls for repository in self.repositories]  # to anybody
         for module, said in zip((health, plain_tracker), self.said):
             monkeypatch.setattr(
                 module.logger, "warning", lambda *told, said=said: said.append(told)
@@ -146,11 +146,9 @@ class Life:
         self.random.choice(OPERATIONS)(self)
 
     def seen(self, number):
-        tracker, calls = self.trackers[number], self.repositories[number].calls
-        said = self.said[number]
-        seen = repr((memory(tracker), tracker.get_health_summary(), said, calls))
+        tracker, said = self.trackers[number], self.said[number]
+        seen = repr((memory(tracker), tracker.get_health_summary(), said))
         said.clear()
-        calls.clear()
         return seen
 
 

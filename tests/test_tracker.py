@@ -105,8 +105,7 @@ def test_an_unreadable_history_is_logged_but_no_interrupt(tracker, repository, c
 
 def test_it_answers_like_a_python_class(tracker):
     cls = health.ToolHealthTracker
-    classes = cls, health._ToolState, health._Usage
-    assert {one.__module__ for one in classes} == {health.__name__}
+    assert {c.__module__ for c in (cls, health._ToolState, health._Usage)} == {health.__name__}
     assert str(inspect.signature(cls)) == "(repository, limits=None)"
     t = tracker()
     with mock.patch.object(cls, "is_disabled", return_value="patched"):
@@ -130,9 +129,9 @@ def test_a_tracker_goes_with_its_last_reference_or_cycle(through):
     t = objects["itself"] = health.ToolHealthTracker(**objects)
     if through != "nothing":
         objects[through].tracker = t
-    gone = []
-    reference = weakref.ref(t, gone.append)
+    t.own, gone = Stored(), []
+    reference, own = weakref.ref(t, gone.append), weakref.ref(t.own)
     del t, objects
     assert through != "nothing" or gone
     gc.collect()
-    assert gone == [reference]
+    assert gone == [reference] and own() is None
