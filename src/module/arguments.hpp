@@ -5,18 +5,12 @@
 #include <algorithm>
 #include <array>
 #include <cstddef>
+#include <tuple>
 
 #include "module/module.hpp"
 #include "module/python.hpp"
 
 namespace health {
-
-// A call as the vectorcall protocol hands it over.
-struct Call {
-    PyObject* const* arguments;
-    std::size_t positional;
-    PyObject* keywords;  // a tuple of names, or null
-};
 
 // A function's parameters, those taken by name only last.
 template <std::size_t Size>
@@ -27,67 +21,54 @@ struct Signature {
     std::size_t required = positional;  // how many of these have no default; the others never have
 };
 
+// The place of the parameter with that name, Size for none. Names in a call are nearly always
+// interned, so the same object is looked for first.
 template <std::size_t Size>
-using Arguments = std::array<PyObject*, Size>;
+std::size_t place_of(const Signature<Size>& signature, const Names& names, PyObject* keyword) {
+    const auto place = [&](auto&& is_same) {
+        std::size_t i = 0;
+        while (i < Size && !is_same(names[signature.parameters[i]])) {
+            ++i;
+        }
+        return i;
+    };
+    const auto same = place([&](PyObject* name) { return name == keyword; });
+    return same < Size
+               ? same
+               : place([&](PyObject* name) { return PyUnicode_Compare(name, keyword) == 0; });
+}
 
-// Whether a call gives every argument where its parameter stands, as nearly all calls do. Names in
-// a call are nearly always interned.
-template <std::size_t Size>
-bool is_in_order(const Signature<Size>& signature, const Names& names, const Call& call) {
+// The argument of each parameter, null for one that was left out and has a default, of a call as
+// the vectorcall protocol hands it over. The references are the call's.
+template <const auto& kSignature>
+auto bind(const Names& names, PyObject* const* given, std::size_t positional, PyObject* keywords) {
+    constexpr auto kSize = kSignature.parameters.size();
     const auto named =
-        call.keywords == nullptr ? 0 : static_cast<std::size_t>(PyTuple_GET_SIZE(call.keywords));
-    if (call.positional > signature.positional || call.positional + named != Size) {
-        return false;
+        keywords == nullptr ? 0 : static_cast<std::size_t>(PyTuple_GET_SIZE(keywords));
+    if (positional > kSignature.positional || positional + named > kSize) {
+        raise(PyExc_TypeError,
+              "%s() takes at most %zu arguments, %zu of them by position (%zu given)",
+              kSignature.function, kSize, kSignature.positional, positional + named);
     }
-    for (std::size_t i = 0; i < named; ++i) {
-        if (PyTuple_GET_ITEM(call.keywords, i) !=
-            names[signature.parameters[call.positional + i]]) {
-            return false;
+    std::array<PyObject*, kSize> bound{};
+    for (std::size_t i = 0; i < kSize; ++i) {
+        bound[i] = i < positional ? given[i] : nullptr;
+    }
+    for (std::size_t i = positional; i < positional + named; ++i) {
+        PyObject* keyword = PyTuple_GET_ITEM(keywords, i - positional);
+        const auto place = place_of(kSignature, names, keyword);
+        if (place == kSize || bound[place] != nullptr) {
+            raise(PyExc_TypeError, "%s() got %s argument '%U'", kSignature.function,
+                  place == kSize ? "an unexpected" : "multiple values for", keyword);
+        }
+        bound[place] = given[i];
+    }
+    for (std::size_t i = 0; i < kSize; ++i) {
+        if (bound[i] == nullptr && (i < kSignature.required || i >= kSignature.positional)) {
+            raise(PyExc_TypeError, "%s() misses its argument '%s'", kSignature.function,
+                  text(kSignature.parameters[i]));
         }
     }
-    return true;
-}
-
-template <std::size_t Size>
-constexpr auto keyword_texts(const Signature<Size>& signature) {
-    std::array<const char*, Size + 1> texts{};  // a null pointer last
-    std::transform(signature.parameters.begin(), signature.parameters.end(), texts.begin(), text);
-    return texts;
-}
-
-// Binds any other call, its named arguments in a dict or, with their names in a tuple, after the
-// others.
-template <const auto& kSignature>
-auto bind_otherwise(PyObject* const* arguments, std::size_t positional, PyObject* dict,
-                    PyObject* keywords) {
-    constexpr auto kSize = kSignature.parameters.size();
-    static constexpr auto kKeywords = keyword_texts(kSignature);
-    static _PyArg_Parser parser{nullptr, kKeywords.data(), kSignature.function, nullptr, 0, 0, 0,
-                                nullptr, nullptr};
-    Arguments<kSize> bound{};
-    const auto* found = _PyArg_UnpackKeywords(
-        arguments, static_cast<Py_ssize_t>(positional), dict, keywords, &parser,
-        static_cast<int>(kSignature.required), static_cast<int>(kSignature.positional),
-        static_cast<int>(kSize - kSignature.positional), bound.data());
-    if (found == nullptr) {
-        throw PythonError();
-    }
-    if (found == arguments) {  // all that were given stand in their places
-        std::copy_n(arguments, positional, bound.begin());
-    }
-    return bound;
-}
-
-// The argument of each parameter; null for one that was left out and has a default. The
-// references are the call's.
-template <const auto& kSignature>
-auto bind(const Names& names, const Call& call) {
-    constexpr auto kSize = kSignature.parameters.size();
-    if (!is_in_order(kSignature, names, call)) {
-        return bind_otherwise<kSignature>(call.arguments, call.positional, nullptr, call.keywords);
-    }
-    Arguments<kSize> bound{};
-    std::copy_n(call.arguments, kSize, bound.begin());
     return bound;
 }
 
@@ -108,28 +89,29 @@ inline const ModuleState& owner_of(PyObject* self) {
     return state_of(self);
 }
 
-// An operation's entry in the interpreter's table: Ref operation(Owner&, const Call&), or without
-// the call for an operation without arguments.
-template <auto Operation>
+inline const Names& names_of(const ModuleState& module) { return module.names; }
+
+// An operation as the interpreter calls it: Ref operation(Owner&, PyObject* argument...), with a
+// signature when it has arguments.
+template <auto Operation, const auto&... kSignature>
 struct Method;
 
-template <class Owner, Ref (*Operation)(Owner&, const Call&)>
-struct Method<Operation> {
-    static constexpr int kFlags = METH_FASTCALL | METH_KEYWORDS;
-
-    static PyObject* call(PyObject* self, PyObject* const* arguments, Py_ssize_t positional,
+template <class Owner, class... Values, Ref (*Operation)(Owner&, Values...),
+          const Signature<sizeof...(Values)>& kSignature>
+struct Method<Operation, kSignature> {
+    static PyObject* call(PyObject* self, PyObject* const* given, Py_ssize_t positional,
                           PyObject* keywords) {
         return guarded([&] {
-            return Operation(owner_of<Owner>(self),
-                             {arguments, static_cast<std::size_t>(positional), keywords});
+            auto& owner = owner_of<Owner>(self);
+            return std::apply([&](auto*... values) { return Operation(owner, values...); },
+                              bind<kSignature>(names_of(owner), given,
+                                               static_cast<std::size_t>(positional), keywords));
         });
     }
 };
 
 template <class Owner, Ref (*Operation)(Owner&)>
 struct Method<Operation> {
-    static constexpr int kFlags = METH_NOARGS;
-
     static PyObject* call(PyObject* self, PyObject* /*none*/) {
         return guarded([&] { return Operation(owner_of<Owner>(self)); });
     }
@@ -137,8 +119,14 @@ struct Method<Operation> {
 
 template <auto Operation>
 PyMethodDef method(const char* name, const char* doc) {
-    auto* function = reinterpret_cast<void (*)()>(Method<Operation>::call);
-    return {name, reinterpret_cast<PyCFunction>(function), Method<Operation>::kFlags, doc};
+    return {name, Method<Operation>::call, METH_NOARGS, doc};
+}
+
+template <auto Operation, const auto& kSignature>
+PyMethodDef method(const char* doc) {
+    auto* function = reinterpret_cast<void (*)()>(Method<Operation, kSignature>::call);
+    return {kSignature.function, reinterpret_cast<PyCFunction>(function),
+            METH_FASTCALL | METH_KEYWORDS, doc};
 }
 
 template <auto Get>

@@ -46,8 +46,7 @@ Ref import_from_home(const ModuleState& module, const Collaborator& collaborator
 constexpr Signature<1> kAttributeSignature{"__getattr__", {Name::name}};
 
 // What is not found is an AttributeError, as one who asks for an attribute expects.
-Ref module_attribute(const ModuleState& module, const Call& call) {
-    const auto [name] = bind<kAttributeSignature>(module.names, call);
+Ref module_attribute(const ModuleState& module, PyObject* name) {
     for (const auto& collaborator :
          {kToolsConfig, kTools, kIsSlowCall, kGetTimingCollector, kThreadCensus}) {
         // Names made at run time are not interned.
@@ -83,7 +82,7 @@ Ref find(const ModuleState& module, const Collaborator& collaborator) {
     return import_from_home(module, collaborator);
 }
 
-const PyMethodDef kModuleAttribute = method<module_attribute>("__getattr__", nullptr);
+const PyMethodDef kModuleAttribute = method<module_attribute, kAttributeSignature>(nullptr);
 
 bool registry_knows(const Names& names, const Ref& tools, PyObject* tool, PyObject* action) {
     const auto spec = tools.method(names[Name::get], tool);

@@ -39,8 +39,7 @@ The timestamp text, in UTC, of a time in epoch seconds; None for None.
 
 Raises ValueError for a time outside the years 1 to 9999.)");
 
-Ref sqlite_time(const ModuleState& module, const Call& call) {
-    const auto [epoch] = bind<kSqliteTimeSignature>(module.names, call);
+Ref sqlite_time(const ModuleState& /*module*/, PyObject* epoch) {
     if (epoch == Py_None) {
         return none();
     }
@@ -65,10 +64,7 @@ std::optional<double> stored_time(PyObject* value) {
     return parse_timestamp(Text(value).text);
 }
 
-Ref epoch(const ModuleState& module, const Call& call) {
-    const auto [value] = bind<kEpochSignature>(module.names, call);
-    return to_python(stored_time(value));
-}
+Ref epoch(const ModuleState& /*module*/, PyObject* value) { return to_python(stored_time(value)); }
 
 // Reading
 
@@ -195,7 +191,7 @@ const char* const kHealthColumns = COLUMNS;
 
 const PyMethodDef kLoadHealth = method<load_health>("_load", kLoadDoc);
 const PyMethodDef kFlushHealth = method<flush_health>("_flush_health", kFlushDoc);
-const PyMethodDef kEpoch = method<epoch>("_epoch", kEpochDoc);
-const PyMethodDef kSqliteTime = method<sqlite_time>("_sqlite_time", kSqliteTimeDoc);
+const PyMethodDef kEpoch = method<epoch, kEpochSignature>(kEpochDoc);
+const PyMethodDef kSqliteTime = method<sqlite_time, kSqliteTimeSignature>(kSqliteTimeDoc);
 
 }  // namespace health

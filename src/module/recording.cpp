@@ -64,9 +64,8 @@ std::optional<double> duration_argument(PyObject* argument) {
     return to_double(argument);
 }
 
-Ref record_call(Tracker& tracker, const Call& call) {
-    const auto [tool, action, outcome, alias_hit, duration] =
-        bind<kRecordCallSignature>(tracker.module.names, call);
+Ref record_call(Tracker& tracker, PyObject* tool, PyObject* action, PyObject* outcome,
+                PyObject* alias_hit, PyObject* duration) {
     text_argument(kRecordCallSignature, Name::tool_name, tool);
     if (action != Py_None && !PyUnicode_Check(action)) {
         raise_wrong_type(kRecordCallSignature, Name::action, "str or None", action);
@@ -90,8 +89,7 @@ PyDoc_STRVAR(kRecordSuccessDoc, R"(record_success($self, tool_name)
 
 Record a successful call: ends the tool's run of errors and enables it.)");
 
-Ref record_success(Tracker& tracker, const Call& call) {
-    const auto [tool_name] = bind<kRecordSuccessSignature>(tracker.module.names, call);
+Ref record_success(Tracker& tracker, PyObject* tool_name) {
     const Text tool(text_argument(kRecordSuccessSignature, Name::tool_name, tool_name));
     tracker.health.run([&](Health& health) { health.states.record_success(tool, wall_clock()); });
     return none();
@@ -122,9 +120,7 @@ Ref error_argument(PyObject* argument) {
                : shared(argument);
 }
 
-Ref record_error(Tracker& tracker, const Call& call) {
-    const auto& names = tracker.module.names;
-    const auto [tool_name, error] = bind<kRecordErrorSignature>(names, call);
+Ref record_error(Tracker& tracker, PyObject* tool_name, PyObject* error) {
     const Text tool(text_argument(kRecordErrorSignature, Name::tool_name, tool_name));
     const auto kept = error_argument(error);
     const Text text(kept);
@@ -135,7 +131,8 @@ Ref record_error(Tracker& tracker, const Call& call) {
     };
     double disable_after = 0.0;
     try {
-        disable_after = to_number(settings(tracker).attribute(names[Name::disable_after_errors]));
+        disable_after = to_number(
+            settings(tracker).attribute(tracker.module.names[Name::disable_after_errors]));
     } catch (const PythonError&) {
         // The call failed whatever the settings are.
         const auto unreadable = take_error();
@@ -176,8 +173,7 @@ Ref cooldown_s(const Tracker& tracker) {
                : owned(PyObject_GetAttr(tracker.self, name));
 }
 
-Ref is_disabled(Tracker& tracker, const Call& call) {
-    const auto [tool_name] = bind<kIsDisabledSignature>(tracker.module.names, call);
+Ref is_disabled(Tracker& tracker, PyObject* tool_name) {
     const Text tool(text_argument(kIsDisabledSignature, Name::tool_name, tool_name));
     const auto disabled =
         tracker.health.run([&](Health& health) { return health.states.find_disabled(tool); });
@@ -194,9 +190,10 @@ Ref is_disabled(Tracker& tracker, const Call& call) {
 
 }  // namespace
 
-const PyMethodDef kRecordCall = method<record_call>("record_call", kRecordCallDoc);
-const PyMethodDef kRecordSuccess = method<record_success>("record_success", kRecordSuccessDoc);
-const PyMethodDef kRecordError = method<record_error>("record_error", kRecordErrorDoc);
-const PyMethodDef kIsDisabled = method<is_disabled>("is_disabled", kIsDisabledDoc);
+const PyMethodDef kRecordCall = method<record_call, kRecordCallSignature>(kRecordCallDoc);
+const PyMethodDef kRecordSuccess =
+    method<record_success, kRecordSuccessSignature>(kRecordSuccessDoc);
+const PyMethodDef kRecordError = method<record_error, kRecordErrorSignature>(kRecordErrorDoc);
+const PyMethodDef kIsDisabled = method<is_disabled, kIsDisabledSignature>(kIsDisabledDoc);
 
 }  // namespace health

@@ -179,9 +179,8 @@ Ref warning(PyObject* counted, PyObject* budget) {
         decimal(counted).get(), decimal(budget).get()));
 }
 
-Ref thread_census_report(const ModuleState& module, const Call& call) {
+Ref thread_census_report(const ModuleState& module, PyObject* budget, PyObject* given) {
     const auto& names = module.names;
-    const auto [budget, given] = bind<kThreadReportSignature>(names, call);
     if (!PyLong_Check(budget)) {
         raise_wrong_type(kThreadReportSignature, Name::budget, "int", budget);
     }
@@ -213,6 +212,6 @@ const PyMethodDef kGetHealthSummary =
 const PyMethodDef kPerformanceStats =
     method<tool_performance_stats>("handle_get_tool_performance_stats", kPerformanceStatsDoc);
 const PyMethodDef kThreadCensusReport =
-    method<thread_census_report>("thread_census_report", kThreadCensusReportDoc);
+    method<thread_census_report, kThreadReportSignature>(kThreadCensusReportDoc);
 
 }  // namespace health

@@ -45,8 +45,6 @@ PyObject* tracker_new(PyTypeObject* type, PyObject* /*args*/, PyObject* /*kwargs
     });
 }
 
-constexpr Signature<2> kInitSignature{"ToolHealthTracker", {Name::repository, Name::limits}, 2, 1};
-
 PyDoc_STRVAR(kClassDoc, R"(ToolHealthTracker(repository, limits=None)
 --
 
@@ -70,11 +68,15 @@ not convert.)");
 int tracker_init(PyObject* self, PyObject* args, PyObject* kwargs) {
     const Ref done(guarded([&] {
         auto& tracker = tracker_of(self);
-        const auto [repository, limits] = bind_otherwise<kInitSignature>(
-            &PyTuple_GET_ITEM(args, 0), static_cast<std::size_t>(PyTuple_GET_SIZE(args)), kwargs,
-            nullptr);
-        const bool given = limits != nullptr && limits != Py_None;
-        auto settings = given ? shared(limits) : find(tracker.module, kToolsConfig)();
+        static std::array keywords{const_cast<char*>("repository"), const_cast<char*>("limits"),
+                                   static_cast<char*>(nullptr)};
+        PyObject* repository = nullptr;
+        PyObject* limits = Py_None;
+        if (PyArg_ParseTupleAndKeywords(args, kwargs, "O|O:ToolHealthTracker", keywords.data(),
+                                        &repository, &limits) == 0) {
+            throw PythonError();
+        }
+        auto settings = limits != Py_None ? shared(limits) : find(tracker.module, kToolsConfig)();
         // After what calls Python: once set, neither is replaced while an operation may be using
         // it.
         if (tracker.repository != nullptr) {

@@ -34,6 +34,8 @@ inline Tracker& owner_of(PyObject* self) {
     return tracker_of(self);
 }
 
+inline const Names& names_of(const Tracker& tracker) { return tracker.module.names; }
+
 // The tracker's settings, and the attribute `db` of its repository. They raise an AttributeError
 // before __init__ has run.
 const Ref& settings(const Tracker& tracker);

@@ -32,8 +32,7 @@ PyDoc_STRVAR(kKnownDoc, R"(_known($module, tool, action)
 
 Whether the registry has the tool and, unless `action` is None, that action.)");
 
-Ref known(const ModuleState& module, const Call& call) {
-    const auto [tool, action] = bind<kKnownSignature>(module.names, call);
+Ref known(const ModuleState& module, PyObject* tool, PyObject* action) {
     return to_python(registry_knows(module.names, find(module, kTools), tool, action));
 }
 
@@ -221,6 +220,6 @@ const char* const kUsageDocumentKey = "tool_usage";
 
 const PyMethodDef kLoadUsage = method<load_usage>("_load_usage", kLoadDoc);
 const PyMethodDef kFlushUsage = method<flush_usage>("_flush_usage", kFlushDoc);
-const PyMethodDef kKnown = method<known>("_known", kKnownDoc);
+const PyMethodDef kKnown = method<known, kKnownSignature>(kKnownDoc);
 
 }  // namespace health
