@@ -19,6 +19,18 @@
 
 namespace health {
 
+template <class End>
+class AtExit {
+public:
+    explicit AtExit(End end) : end_(end) {}
+    ~AtExit() { end_(); }
+    AtExit(const AtExit&) = delete;
+    AtExit& operator=(const AtExit&) = delete;
+
+private:
+    End end_;
+};
+
 class SharedHealth {
 public:
     // Runs work on the memory that calls no Python. Throws what a signal's handler raises while
@@ -34,9 +46,9 @@ public:
     // The same for longer work: without the interpreter lock in any case.
     template <class Work>
     [[gnu::noinline]] auto run_aside(Work&& work) {
-        refuse_holder();
-        Announcement announcement(announced_);
-        auto& gil = announcement.release_gil();
+        announce();
+        GilRelease gil;
+        const AtExit lower([&] { announced_.fetch_sub(1, std::memory_order_release); });
         const auto lock = wait(gil);
         return work(health_);
     }
@@ -45,54 +57,30 @@ public:
     // waiting would be for ever.
     template <class Work>
     auto run_over_python(Work&& work) {
-        refuse_holder();
-        const Announcement announcement(announced_);
-        std::unique_lock lock(mutex_, std::try_to_lock);
-        if (!lock) {
+        announce();
+        const AtExit lower([&] { announced_.fetch_sub(1, std::memory_order_release); });
+        std::unique_lock<Mutex> lock;
+        {
             GilRelease gil;
             lock = wait(gil);
         }
-        const Holding holding(holder_);
+        holder_ = std::this_thread::get_id();
+        const AtExit let_go([&] { holder_ = std::thread::id(); });
         return work(health_);
     }
 
 private:
     using Mutex = std::timed_mutex;
 
-    // Tells for a scope that the memory is worked on with more than the interpreter lock, which it
-    // may let go of meanwhile: that is taken back after the count is lowered.
-    class Announcement {
-    public:
-        explicit Announcement(std::atomic<int>& announced) : announced_(announced) {
-            announced_.fetch_add(1, std::memory_order_relaxed);
+    // Before the interpreter lock is let go of.
+    void announce() {
+        if (holder_.load(std::memory_order_relaxed) == std::this_thread::get_id()) {
+            raise(PyExc_RuntimeError,
+                  "the tracker was called from within its own get_health_summary(): this thread "
+                  "holds its lock already");
         }
-        ~Announcement() noexcept(false) { announced_.fetch_sub(1, std::memory_order_release); }
-        Announcement(const Announcement&) = delete;
-        Announcement& operator=(const Announcement&) = delete;
-
-        GilRelease& release_gil() {
-            gil_.release();
-            return gil_;
-        }
-
-    private:
-        std::atomic<int>& announced_;
-        GilRelease gil_{nullptr};
-    };
-
-    // Names this thread as the holder for a scope.
-    class Holding {
-    public:
-        explicit Holding(std::atomic<std::thread::id>& holder) : holder_(holder) {
-            holder_ = std::this_thread::get_id();
-        }
-        ~Holding() { holder_ = std::thread::id(); }
-        Holding(const Holding&) = delete;
-        Holding& operator=(const Holding&) = delete;
-
-    private:
-        std::atomic<std::thread::id>& holder_;
-    };
+        announced_.fetch_add(1, std::memory_order_relaxed);
+    }
 
     // Waits as for a lock of Python's: signals are served meanwhile. By the system's clock, as the
     // thread sanitizer does not see waits by the steady one; that it may be set does no harm here.
@@ -103,14 +91,6 @@ private:
             gil.serve_signals();
         }
         return lock;
-    }
-
-    void refuse_holder() const {
-        if (holder_.load(std::memory_order_relaxed) == std::this_thread::get_id()) {
-            raise(PyExc_RuntimeError,
-                  "the tracker was called from within its own get_health_summary(): this thread "
-                  "holds its lock already");
-        }
     }
 
     Health health_;

@@ -22,13 +22,12 @@ struct PythonError : std::exception {};
 // Whether this thread may touch references. While the interpreter shuts down it ends every other
 // thread that comes back to it, by unwinding it; such a thread runs destructors, but without the
 // interpreter lock.
-inline bool may_touch_references() {
-    if (_Py_IsFinalizing() == 0) {
-        return true;
-    }
-    const auto* running = _PyThreadState_UncheckedGet();
-    return running != nullptr && running->thread_id == PyThread_get_thread_ident();
-}
+inline bool may_touch_references() { return Py_IsInitialized() != 0 || PyGILState_Check() != 0; }
+
+class Ref;
+
+// A new reference that a C API call returned, or its error.
+Ref owned(PyObject* result);
 
 // An owned reference, or null. Its operations return what they found, or throw. Left alone by a
 // thread that is being ended: the process is too.
@@ -55,31 +54,31 @@ public:
     PyObject* release() noexcept { return std::exchange(object_, nullptr); }
     bool is_none() const noexcept { return object_ == Py_None; }
 
-    Ref attribute(PyObject* name) const { return made(PyObject_GetAttr(object_, name)); }
-    Ref item(PyObject* key) const { return made(PyObject_GetItem(object_, key)); }
-    Ref at(Py_ssize_t position) const { return made(PySequence_GetItem(object_, position)); }
+    Ref attribute(PyObject* name) const { return owned(PyObject_GetAttr(object_, name)); }
+    Ref item(PyObject* key) const { return owned(PyObject_GetItem(object_, key)); }
+    Ref at(Py_ssize_t position) const { return owned(PySequence_GetItem(object_, position)); }
 
     // Calls the object.
     template <class... Arguments>
     Ref operator()(const Arguments&... arguments) const {
         // The place before the arguments is the callee's to use.
         std::array<PyObject*, sizeof...(Arguments) + 1> all{nullptr, arguments...};
-        return made(PyObject_Vectorcall(object_, all.data() + 1,
-                                        sizeof...(Arguments) | PY_VECTORCALL_ARGUMENTS_OFFSET,
-                                        nullptr));
+        return owned(PyObject_Vectorcall(object_, all.data() + 1,
+                                         sizeof...(Arguments) | PY_VECTORCALL_ARGUMENTS_OFFSET,
+                                         nullptr));
     }
 
     // Calls its method of that name.
     template <class... Arguments>
     Ref method(PyObject* name, const Arguments&... arguments) const {
         const std::array<PyObject*, sizeof...(Arguments) + 1> all{object_, arguments...};
-        return made(PyObject_VectorcallMethod(name, all.data(), all.size(), nullptr));
+        return owned(PyObject_VectorcallMethod(name, all.data(), all.size(), nullptr));
     }
 
     // Hands each item that iterating over the object gives to `visit`.
     template <class Visit>
     void for_each(Visit&& visit) const {
-        const auto items = made(PyObject_GetIter(object_));
+        const auto items = owned(PyObject_GetIter(object_));
         while (const Ref item{PyIter_Next(items)}) {
             visit(item);
         }
@@ -88,19 +87,16 @@ public:
         }
     }
 
-    // A new reference that a C API call returned, or its error.
-    static Ref made(PyObject* result) {
-        if (result == nullptr) {
-            throw PythonError();
-        }
-        return Ref(result);
-    }
-
 private:
     PyObject* object_ = nullptr;
 };
 
-inline Ref owned(PyObject* result) { return Ref::made(result); }
+inline Ref owned(PyObject* result) {
+    if (result == nullptr) {
+        throw PythonError();
+    }
+    return Ref(result);
+}
 
 // The outcome of a C API call that returns a negative number for an error.
 template <class Result>
@@ -179,19 +175,16 @@ PyObject* guarded(Body&& body) {
 // Releases it for a scope.
 class GilRelease {
 public:
-    GilRelease() { release(); }
-    explicit GilRelease(std::nullptr_t /*not yet*/) {}
+    GilRelease() = default;
     ~GilRelease() noexcept(false) { take_back(); }
     GilRelease(const GilRelease&) = delete;
     GilRelease& operator=(const GilRelease&) = delete;
-
-    void release() { thread_ = PyEval_SaveThread(); }
 
     // Runs the handlers of the signals that have arrived, and throws what one of them raises.
     void serve_signals() {
         take_back();
         checked(PyErr_CheckSignals());
-        release();
+        thread_ = PyEval_SaveThread();
     }
 
 private:
@@ -202,14 +195,20 @@ private:
         }
     }
 
-    PyThreadState* thread_ = nullptr;
+    PyThreadState* thread_ = PyEval_SaveThread();
 };
+
+// Runs work that needs nothing of Python while others may run.
+template <class Work>
+auto aside(Work&& work) {
+    const GilRelease others;
+    return work();
+}
 
 // Frees plain memory, which may be much, while others may run.
 template <class Plain>
 void free_aside(Plain& memory) {
-    const GilRelease others;
-    Plain().swap(memory);
+    aside([&] { Plain().swap(memory); });
 }
 
 // Lets the other threads in, now and then, during a long loop over Python objects. A thread that

@@ -3,9 +3,7 @@
 #include <optional>
 #include <span>
 #include <string>
-#include <unordered_map>
 #include <utility>
-#include <vector>
 
 #include "core/document_reader.hpp"
 #include "core/document_writer.hpp"
@@ -67,8 +65,7 @@ std::optional<UsageCounts> read_own_form(const Ref& document) {
     }
     const std::string_view text(static_cast<const char*>(PyUnicode_DATA(document.get())),
                                 static_cast<std::size_t>(PyUnicode_GET_LENGTH(document.get())));
-    const GilRelease others;
-    return read_usage_document(text, python_hash);
+    return aside([&] { return read_usage_document(text, python_hash); });
 }
 
 Count count_member(const Ref& element, PyObject* name) {
@@ -119,41 +116,22 @@ StoredUsage read_usage(Tracker& tracker) {
 
 // The counts of what the registry still has.
 StoredUsage prune(Tracker& tracker, StoredUsage stored) {
-    const auto& entries = stored.counts.entries();
-    if (entries.empty()) {
+    if (stored.counts.entries().empty()) {
         return stored;
     }
     const auto tools = find(tracker.module, kTools);
-    std::unordered_map<const HashedText*, Ref> texts;  // the keys repeat few texts many times
-    const auto text_object = [&](const HashedText* text) {
-        auto& object = texts[text];
-        if (object == nullptr) {
-            object = to_python(text);
-        }
-        return object.get();
-    };
-    std::vector<UsageEntry> kept;
+    StoredUsage kept{.counts = {}, .is_whole = stored.is_whole};
     Pacer pacer;
-    for (const auto& [key, usage] : entries) {
-        if (registry_knows(tracker.module.names, tools, text_object(key.tool),
-                           text_object(key.action))) {
-            kept.push_back({&key, usage});
+    for (const auto& [key, usage] : stored.counts.entries()) {
+        if (registry_knows(tracker.module.names, tools, to_python(key.tool),
+                           to_python(key.action))) {
+            kept.counts.seed(key, usage);
+        } else {
+            kept.is_whole = false;
         }
         pacer.step();
     }
-    if (kept.size() == entries.size()) {
-        return stored;
-    }
-    {
-        const GilRelease others;
-        StoredUsage pruned;
-        pruned.is_whole = false;
-        for (const auto& [key, usage] : kept) {
-            pruned.counts.seed(*key, usage);
-        }
-        stored = std::move(pruned);
-    }
-    return stored;
+    return kept;
 }
 
 Ref load_usage(Tracker& tracker) {
@@ -179,17 +157,10 @@ Write the usage document if a count changed; return its number of rows.)");
 
 // The document as Python text, made without the interpreter lock but for its allocation.
 Ref make_document(std::span<const UsageEntry> entries) {
-    std::string document;
-    {
-        const GilRelease others;
-        document = write_usage_document(entries);
-    }
+    auto document = aside([&] { return write_usage_document(entries); });
     auto text = owned(PyUnicode_New(static_cast<Py_ssize_t>(document.size()), 127));
-    {
-        // Nobody else has seen the text yet.
-        const GilRelease others;
-        std::memcpy(PyUnicode_1BYTE_DATA(text.get()), document.data(), document.size());
-    }
+    // Nobody else has seen the text yet.
+    aside([&] { std::memcpy(PyUnicode_DATA(text.get()), document.data(), document.size()); });
     free_aside(document);
     return text;
 }
