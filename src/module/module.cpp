@@ -63,24 +63,20 @@ int load(PyObject* module) {
             .module = module,
             .package = package_of(std::string(Text(name).text)),
             .names = {},
-            .tool_state_type = make_tool_state_type(name),
-            .usage_type = make_usage_type(name),
+            .records = make_records(name),
             .enabled = make_tuple(to_python(false), none()),
-            .cooldown_s = {},
         });
-        auto& state = *state_pointer(module);
+        const auto& state = state_of(module);
         add_functions(module);
         add(module, "logger", import_module("logging").method(state.names[Name::getLogger], name));
         add_text(module, "__version__", HEALTH_VERSION);
         add_text(module, "_SQLITE_TIMESTAMP", kTimestampFormat);
         add_text(module, "_TOOL_HEALTH_COLUMNS", kHealthColumns);
         add_text(module, "TOOL_USAGE_KEY", kUsageDocumentKey);
-        add(module, "_ToolState", state.tool_state_type);
-        add(module, "_Usage", state.usage_type);
-        add(module, "_UsageKey", make_usage_key_type());
-        const auto tracker_type = make_tracker_type(module, name);
-        state.cooldown_s = tracker_type.attribute(state.names[Name::cooldown_s]);
-        add(module, "ToolHealthTracker", tracker_type);
+        for (const auto type : {Name::_ToolState, Name::_Usage, Name::_UsageKey}) {
+            add(module, text(type), state.records.item(state.names[type]));
+        }
+        add(module, "ToolHealthTracker", make_tracker_type(module, name));
         return none();
     }));
     return done != nullptr ? 0 : -1;
@@ -88,10 +84,7 @@ int load(PyObject* module) {
 
 int traverse(PyObject* module, visitproc visit, void* arg) {
     if (const auto& state = state_pointer(module)) {
-        for (PyObject* referent :
-             {state->tool_state_type.get(), state->usage_type.get(), state->cooldown_s.get()}) {
-            Py_VISIT(referent);
-        }
+        Py_VISIT(state->records.get());
     }
     return 0;
 }

@@ -11,7 +11,7 @@
 // The names that the module uses as keys, attributes and parameters.
 // clang-format off
 #define HEALTH_NAMES(X)                                                                            \
-    X(TOOLS) X(ToolsConfig) X(_flush_health) X(_flush_usage) X(_load) X(_load_usage) X(action)     \
+    X(TOOLS) X(ToolsConfig) X(_ToolState) X(_Usage) X(_UsageKey) X(_flush_health) X(_flush_usage) X(_load) X(_load_usage) X(action)     \
     X(alias_hit) X(avg_ms) X(budget) X(call_count) X(calls) X(census) X(cooldown_s) X(count) X(db) \
     X(disable_after_errors) X(disable_cooldown_s) X(disabled) X(disabled_at) X(duration_ms)        \
     X(epoch) X(error) X(error_count) X(errors) X(execute) X(executemany) X(fetchall) X(fetchone)   \
@@ -49,10 +49,8 @@ struct ModuleState {
     PyObject* module;     // owns this state
     std::string package;  // what the names of the daemon's modules start with
     Names names;
-    Ref tool_state_type;  // _ToolState
-    Ref usage_type;       // _Usage
-    Ref enabled;          // (False, None), the answer of nearly every is_disabled
-    Ref cooldown_s;       // the property of ToolHealthTracker
+    Ref records;  // a dict with _ToolState and _Usage
+    Ref enabled;  // (False, None), the answer of nearly every is_disabled
 };
 
 const ModuleState& state_of(PyObject* module);

@@ -131,8 +131,8 @@ Ref record_error(Tracker& tracker, PyObject* tool_name, PyObject* error) {
     };
     double disable_after = 0.0;
     try {
-        disable_after = to_number(
-            settings(tracker).attribute(tracker.module.names[Name::disable_after_errors]));
+        disable_after =
+            to_number(tracker.limits.attribute(tracker.module.names[Name::disable_after_errors]));
     } catch (const PythonError&) {
         // The call failed whatever the settings are.
         const auto unreadable = take_error();
@@ -164,15 +164,6 @@ Ref disabled_answer(DisabledAnswer& latest, const LastError& error) {
     return latest.answer;
 }
 
-// The property cooldown_s, asked as such only where a derived class or a test has another.
-Ref cooldown_s(const Tracker& tracker) {
-    const auto& module = tracker.module;
-    auto* name = module.names[Name::cooldown_s];
-    return _PyType_Lookup(Py_TYPE(tracker.self), name) == module.cooldown_s
-               ? settings(tracker).attribute(module.names[Name::disable_cooldown_s])
-               : owned(PyObject_GetAttr(tracker.self, name));
-}
-
 Ref is_disabled(Tracker& tracker, PyObject* tool_name) {
     const Text tool(text_argument(kIsDisabledSignature, Name::tool_name, tool_name));
     const auto disabled =
@@ -181,7 +172,8 @@ Ref is_disabled(Tracker& tracker, PyObject* tool_name) {
         return tracker.module.enabled;
     }
     // The settings are Python's, so they are read outside the lock.
-    const double cooldown = to_number(cooldown_s(tracker));
+    const auto self = shared(tracker.self);
+    const double cooldown = to_number(self.attribute(tracker.module.names[Name::cooldown_s]));
     const auto last_error = tracker.health.run(
         [&](Health& health) { return health.states.check(*disabled, wall_clock(), cooldown); });
     return last_error ? disabled_answer(tracker.latest_answer, *last_error)

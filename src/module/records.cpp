@@ -11,13 +11,31 @@
 namespace health {
 namespace {
 
-Ref make_record_type(PyObject* module_name, const char* name, const char* doc, const Ref& fields) {
-    auto type = owned(PyObject_CallMethod(import_module("dataclasses"), "make_dataclass", "sO",
-                                          name, fields.get()));
-    checked(PyObject_SetAttrString(type, "__module__", module_name));
-    checked(PyObject_SetAttrString(type, "__doc__", to_python(std::string_view(doc))));
-    return type;
-}
+// Run when the module is loaded.
+constexpr const char* kRecords = R"(
+from dataclasses import dataclass
+
+@dataclass
+class _ToolState:
+    """What is known about one tool's health; times in epoch seconds."""
+
+    call_count: int = 0
+    error_count: int = 0
+    last_error: str | None = None
+    disabled_at: float | None = None
+    updated_at: float = 0.0
+    consecutive_errors: int = 0
+
+@dataclass
+class _Usage:
+    """The calls that one usage key counts, and their handlers' time."""
+
+    calls: int = 0
+    timed_calls: int = 0
+    total_ms: float = 0.0
+
+_UsageKey = tuple[str, str | None, str, bool]
+)";
 
 using NamedState = std::pair<std::string_view, ToolState>;
 
@@ -34,7 +52,8 @@ std::vector<NamedState> copy_states(Tracker& tracker, bool changed_only) {
 }
 
 Ref state(Tracker& tracker) {
-    const auto& type = tracker.module.tool_state_type;
+    const auto& module = tracker.module;
+    const auto type = module.records.item(module.names[Name::_ToolState]);
     auto map = owned(PyDict_New());
     for (const auto& [tool, state] : copy_states(tracker, false)) {
         const auto record = type(to_python(state.call_count), to_python(state.error_count),
@@ -56,12 +75,14 @@ Ref dirty(Tracker& tracker) {
 Ref usage(Tracker& tracker) {
     const auto entries =
         tracker.health.run_aside([](Health& health) { return health.usage.snapshot(); });
+    const auto& module = tracker.module;
+    const auto type = module.records.item(module.names[Name::_Usage]);
     auto map = owned(PyDict_New());
     for (const auto& [key, usage] : entries) {
         const auto tuple = make_tuple(to_python(key->tool), to_python(key->action),
                                       to_python(key->outcome), to_python(key->alias_hit));
-        const auto record = tracker.module.usage_type(
-            to_python(usage.calls), to_python(usage.timed_calls), to_python(usage.total_ms));
+        const auto record =
+            type(to_python(usage.calls), to_python(usage.timed_calls), to_python(usage.total_ms));
         checked(PyDict_SetItem(map, tuple, record));
     }
     return map;
@@ -74,27 +95,10 @@ Ref usage_dirty(Tracker& tracker) {
 
 }  // namespace
 
-Ref make_tool_state_type(PyObject* module_name) {
-    return make_record_type(
-        module_name, "_ToolState", "What is known about one tool's health; times in epoch seconds.",
-        owned(Py_BuildValue("[(ssi)(ssi)(ssO)(ssO)(ssd)(ssi)]", "call_count", "int", 0,
-                            "error_count", "int", 0, "last_error", "str | None", Py_None,
-                            "disabled_at", "float | None", Py_None, "updated_at", "float", 0.0,
-                            "consecutive_errors", "int", 0)));
-}
-
-Ref make_usage_type(PyObject* module_name) {
-    return make_record_type(
-        module_name, "_Usage", "The calls that one usage key counts, and their handlers' time.",
-        owned(Py_BuildValue("[(ssi)(ssi)(ssd)]", "calls", "int", 0, "timed_calls", "int", 0,
-                            "total_ms", "float", 0.0)));
-}
-
-Ref make_usage_key_type() {
-    auto* text = reinterpret_cast<PyObject*>(&PyUnicode_Type);
-    const auto optional_text = owned(PyNumber_Or(text, Py_None));
-    const auto elements = owned(PyTuple_Pack(4, text, optional_text.get(), text, &PyBool_Type));
-    return owned(Py_GenericAlias(reinterpret_cast<PyObject*>(&PyTuple_Type), elements));
+Ref make_records(PyObject* module_name) {
+    const auto records = owned(Py_BuildValue("{sO}", "__name__", module_name));
+    owned(PyRun_String(kRecords, Py_file_input, records, records));
+    return records;
 }
 
 const PyGetSetDef kState =

@@ -1,12 +1,11 @@
-// The types of the records that show a tracker's memory to Python.
+// The types that show a tracker's memory to Python: _ToolState, _Usage and _UsageKey.
 #pragma once
 
 #include "module/python.hpp"
 
 namespace health {
 
-Ref make_tool_state_type(PyObject* module_name);
-Ref make_usage_type(PyObject* module_name);
-Ref make_usage_key_type();
+// A dict that holds them.
+Ref make_records(PyObject* module_name);
 
 }  // namespace health

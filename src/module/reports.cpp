@@ -1,6 +1,5 @@
 // The answers for the daemon's status tools.
 #include <initializer_list>
-#include <optional>
 #include <utility>
 #include <vector>
 
@@ -53,24 +52,6 @@ void ask_for_slow_calls(std::vector<ToolSummary>& tools, const Ref& is_slow_call
     }
 }
 
-// The summary, with is_slow_call looked up before: importing it runs Python at length. Nothing
-// when it turns out to be needed and is null.
-std::optional<std::vector<ToolSummary>> gather(Tracker& tracker, const Ref& is_slow_call) {
-    using Gathered = std::optional<std::vector<ToolSummary>>;
-    return tracker.health.run_over_python([&](const Health& health) -> Gathered {
-        if (is_slow_call == nullptr && !health.usage.entries().empty()) {
-            return std::nullopt;
-        }
-        std::vector<ToolSummary> tools;
-        {
-            const GilRelease others;
-            tools = summarize(health.states, health.usage);
-        }
-        ask_for_slow_calls(tools, is_slow_call);
-        return tools;
-    });
-}
-
 Ref answer(const Names& names, const UsageRow& row) {
     return make_map(names, {{Name::action, to_python(row.key->action)},
                             {Name::outcome, to_python(row.key->outcome)},
@@ -98,25 +79,24 @@ Ref answer(const Names& names, const ToolSummary& tool, Pacer& pacer) {
 }
 
 Ref get_health_summary(Tracker& tracker) {
-    Ref is_slow_call;
-    auto tools = gather(tracker, is_slow_call);
-    if (!tools) {
-        is_slow_call = find(tracker.module, kIsSlowCall);
-        tools = gather(tracker, is_slow_call);
-    }
-    {
-        const GilRelease others;
-        for (auto& tool : *tools) {
+    const auto is_slow_call = find(tracker.module, kIsSlowCall);
+    auto tools = tracker.health.run_over_python([&](const Health& health) {
+        auto summary = aside([&] { return summarize(health.states, health.usage); });
+        ask_for_slow_calls(summary, is_slow_call);
+        return summary;
+    });
+    aside([&] {
+        for (auto& tool : tools) {
             sort_usage(tool.usage);
         }
-    }
+    });
     auto answers = owned(PyList_New(0));
     Pacer pacer;
-    for (const auto& tool : *tools) {
+    for (const auto& tool : tools) {
         checked(PyList_Append(answers, answer(tracker.module.names, tool, pacer)));
         pacer.step();
     }
-    free_aside(*tools);
+    free_aside(tools);
     return answers;
 }
 

@@ -15,13 +15,10 @@
 namespace health {
 namespace {
 
-struct TrackerHead {
+struct TrackerObject {
     PyObject_HEAD PyObject* attributes;  // the instance's __dict__, as for a class of Python's own
     PyObject* weak_references;
-};
-
-struct TrackerObject : TrackerHead {
-    Tracker tracker;
+    Tracker* tracker;
 };
 
 TrackerObject* as_object(PyObject* self) { return reinterpret_cast<TrackerObject*>(self); }
@@ -31,16 +28,10 @@ TrackerObject* as_object(PyObject* self) { return reinterpret_cast<TrackerObject
 PyObject* tracker_new(PyTypeObject* type, PyObject* /*args*/, PyObject* /*kwargs*/) {
     return guarded([&] {
         const auto& module = state_of_class(type);
+        auto tracker = std::make_unique<Tracker>(module);
         auto self = owned(type->tp_alloc(type, 0));
-        try {
-            std::construct_at(&as_object(self)->tracker, self, module);
-        } catch (const std::exception&) {
-            // There is no tracker yet for tracker_dealloc to destroy.
-            PyObject_GC_UnTrack(self);
-            type->tp_free(self.release());
-            Py_DECREF(type);
-            throw;
-        }
+        tracker->self = self;
+        as_object(self)->tracker = tracker.release();
         return self;
     });
 }
@@ -79,7 +70,7 @@ int tracker_init(PyObject* self, PyObject* args, PyObject* kwargs) {
         auto settings = limits != Py_None ? shared(limits) : find(tracker.module, kToolsConfig)();
         // After what calls Python: once set, neither is replaced while an operation may be using
         // it.
-        if (tracker.repository != nullptr) {
+        if (!tracker.limits.is_none()) {
             raise(PyExc_RuntimeError, "the tracker is initialized already");
         }
         tracker.limits = std::move(settings);
@@ -104,21 +95,19 @@ int tracker_traverse(PyObject* self, visitproc visit, void* arg) {
 
 int tracker_clear(PyObject* self) {
     Py_CLEAR(as_object(self)->attributes);
-    tracker_of(self).repository = Ref();
-    tracker_of(self).limits = Ref();
+    tracker_of(self).repository = none();
+    tracker_of(self).limits = none();
     return 0;
 }
 
 void tracker_dealloc(PyObject* self) {
     PyTypeObject* type = Py_TYPE(self);
     PyObject_GC_UnTrack(self);
-    Py_TRASHCAN_BEGIN(self, tracker_dealloc);
     PyObject_ClearWeakRefs(self);
     tracker_clear(self);
-    std::destroy_at(&tracker_of(self));
+    delete as_object(self)->tracker;
     type->tp_free(self);
     Py_DECREF(type);
-    Py_TRASHCAN_END
 }
 
 // Operations that are not in a file of their own
@@ -141,23 +130,16 @@ Ref flush(Tracker& tracker) {
 }
 
 Ref cooldown_s(Tracker& tracker) {
-    return settings(tracker).attribute(tracker.module.names[Name::disable_cooldown_s]);
+    return tracker.limits.attribute(tracker.module.names[Name::disable_cooldown_s]);
 }
 
 Ref has_unsaved_changes(Tracker& tracker) {
     return to_python(tracker.health.run([](const Health& health) { return health.has_changes(); }));
 }
 
-const Ref& member(const Ref& value, const char* name) {
-    if (value == nullptr) {
-        raise(PyExc_AttributeError, "'ToolHealthTracker' object has no attribute '%s'", name);
-    }
-    return value;
-}
+Ref repository(Tracker& tracker) { return tracker.repository; }
 
-Ref repository(Tracker& tracker) { return member(tracker.repository, "_repo"); }
-
-Ref limits(Tracker& tracker) { return settings(tracker); }
+Ref limits(Tracker& tracker) { return tracker.limits; }
 
 // The tables of the class. The interpreter keeps them.
 
@@ -195,9 +177,9 @@ PyType_Spec& type_spec() {
         PyGetSetDef{},
     };
     static std::array members{
-        PyMemberDef{"__dictoffset__", T_PYSSIZET, offsetof(TrackerHead, attributes), READONLY,
+        PyMemberDef{"__dictoffset__", T_PYSSIZET, offsetof(TrackerObject, attributes), READONLY,
                     nullptr},
-        PyMemberDef{"__weaklistoffset__", T_PYSSIZET, offsetof(TrackerHead, weak_references),
+        PyMemberDef{"__weaklistoffset__", T_PYSSIZET, offsetof(TrackerObject, weak_references),
                     READONLY, nullptr},
         PyMemberDef{},
     };
@@ -225,12 +207,10 @@ PyType_Spec& type_spec() {
 
 }  // namespace
 
-Tracker& tracker_of(PyObject* self) { return as_object(self)->tracker; }
+Tracker& tracker_of(PyObject* self) { return *as_object(self)->tracker; }
 
-const Ref& settings(const Tracker& tracker) { return member(tracker.limits, "_limits"); }
-
-Ref database(Tracker& tracker) {
-    return repository(tracker).attribute(tracker.module.names[Name::db]);
+Ref database(const Tracker& tracker) {
+    return tracker.repository.attribute(tracker.module.names[Name::db]);
 }
 
 Ref make_tracker_type(PyObject* module, PyObject* module_name) {

@@ -15,14 +15,13 @@ struct DisabledAnswer {
 };
 
 struct Tracker {
-    Tracker(PyObject* object, const ModuleState& loaded)
-        : self(object), module(loaded), module_owner(shared(loaded.module)) {}
+    explicit Tracker(const ModuleState& loaded) : module(loaded) {}
 
-    PyObject* self;  // the Python object that holds this
     const ModuleState& module;
-    Ref module_owner;  // the class alone would let go of it when the collector takes both
-    Ref repository;    // null until __init__ has run, and after the collector cleared it
-    Ref limits;        // likewise
+    Ref module_owner = shared(module.module);  // the class lets go of it when both are collected
+    PyObject* self = nullptr;                  // the Python object that holds this
+    Ref repository = none();                   // until __init__ has run
+    Ref limits = none();                       // likewise
     SharedHealth health;
     DisabledAnswer latest_answer;  // guarded by the interpreter lock
 };
@@ -36,10 +35,7 @@ inline Tracker& owner_of(PyObject* self) {
 
 inline const Names& names_of(const Tracker& tracker) { return tracker.module.names; }
 
-// The tracker's settings, and the attribute `db` of its repository. They raise an AttributeError
-// before __init__ has run.
-const Ref& settings(const Tracker& tracker);
-Ref database(Tracker& tracker);
+Ref database(const Tracker& tracker);
 
 // Makes the class for a module that is being loaded.
 Ref make_tracker_type(PyObject* module, PyObject* module_name);
