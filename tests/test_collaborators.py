@@ -20,20 +20,19 @@ def nowhere(monkeypatch):
 def test_what_is_nowhere_is_named(repository, tracker, nowhere, monkeypatch, caplog):
     t = tracker()
     assert t.get_health_summary() == []
-    with pytest.raises(ImportError, match="'ToolsConfig' from 'quillet.config'") as raised:
+    with pytest.raises(ImportError, match="quillet.config"):
         health.ToolHealthTracker(repository)
-    assert isinstance(raised.value.__cause__, ModuleNotFoundError)
     t.record_success("a")
     t.record_call("a", None, "ok", alias_hit=False, duration_ms=None)
-    with pytest.raises(ImportError, match="'is_slow_call' from 'quillet.tool_schemas'"):
+    with pytest.raises(ImportError, match="quillet.tool_schemas"):
         t.get_health_summary()
     t.flush()
     # An unfound registry is not an empty one: nothing is deleted, nothing dropped.
-    with pytest.raises(ImportError, match="'TOOLS' from 'quillet.tool_registry'"):
+    with pytest.raises(ImportError, match="quillet.tool_registry"):
         tracker()
-    assert "'TOOLS' from 'quillet.tool_registry'" in caplog.text
+    assert "quillet.tool_registry" in caplog.text
     monkeypatch.setitem(sys.modules, "quillet.tool_registry", object())
-    with pytest.raises(ImportError, match="'TOOLS'"):
+    with pytest.raises(ImportError, match="'TOOLS' from 'quillet.tool_registry'"):
         health._known("a", None)
     assert len(repository.db.fetchall("SELECT * FROM tool_health")) == 1
 

@@ -66,7 +66,7 @@ def test_the_guide_says_where_the_module_looks():
             spec = importlib.util.spec_from_file_location(name, health.__file__)
             module = importlib.util.module_from_spec(spec)
             spec.loader.exec_module(module)
-            with pytest.raises(ImportError, match=f"'ToolsConfig' from '{home}'"):
+            with pytest.raises(ImportError, match=home):
                 module.ToolHealthTracker(None)
         found = SimpleNamespace(
             ToolsConfig=lambda: ToolsConfig(7),

@@ -1,6 +1,6 @@
 #include "module/collaborators.hpp"
 
-#include <string>
+#include <string_view>
 
 #include "module/arguments.hpp"
 #include "module/operations.hpp"
@@ -9,36 +9,16 @@
 namespace health {
 namespace {
 
-// Whether the error being raised says that `home`, or a package on the way to it, does not exist;
-// not some other module that it needs.
-bool is_missing(const Names& names, const std::string& home) {
-    if (!PyErr_ExceptionMatches(PyExc_ModuleNotFoundError)) {
-        return false;
-    }
-    const auto error = take_error();
-    const auto missing = error.attribute(names[Name::name]);
-    restore_error(error);
-    return PyUnicode_Check(missing.get()) &&
-           (home + '.').starts_with(std::string(Text(missing).text) + '.');
-}
-
-// The daemon's own object.
+// The daemon's own object, as `from home import name` finds it.
 Ref import_from_home(const ModuleState& module, const Collaborator& collaborator) {
     const auto home_name = module.package + collaborator.home;
-    const Ref home(PyImport_ImportModule(home_name.c_str()));
-    if (home == nullptr && !is_missing(module.names, home_name)) {
-        throw PythonError();
+    const auto home = import_module(home_name.c_str());
+    Ref found(PyObject_GetAttr(home, module.names[collaborator.name]));
+    if (found == nullptr && PyErr_ExceptionMatches(PyExc_AttributeError)) {
+        raise(PyExc_ImportError, "cannot import name '%s' from '%s'", text(collaborator.name),
+              home_name.c_str());
     }
-    Ref found(home == nullptr ? nullptr : PyObject_GetAttr(home, module.names[collaborator.name]));
-    if (found == nullptr && home != nullptr && !PyErr_ExceptionMatches(PyExc_AttributeError)) {
-        throw PythonError();
-    }
-    if (found == nullptr) {
-        _PyErr_FormatFromCause(PyExc_ImportError, "cannot import name '%s' from '%s'",
-                               text(collaborator.name), home_name.c_str());
-        throw PythonError();
-    }
-    return found;
+    return owned(found.release());
 }
 
 // The module's __getattr__, which shows the daemon's objects as attributes of the module.
@@ -49,19 +29,15 @@ constexpr Signature<1> kAttributeSignature{"__getattr__", {Name::name}};
 Ref module_attribute(const ModuleState& module, PyObject* name) {
     for (const auto& collaborator :
          {kToolsConfig, kTools, kIsSlowCall, kGetTimingCollector, kThreadCensus}) {
-        // Names made at run time are not interned.
-        if (!PyUnicode_Check(name) ||
-            PyUnicode_Compare(name, module.names[collaborator.name]) != 0) {
+        if (checked(PyObject_RichCompareBool(name, module.names[collaborator.name], Py_EQ)) == 0) {
             continue;
         }
         try {
             return import_from_home(module, collaborator);
         } catch (const PythonError&) {
-            if (PyErr_ExceptionMatches(PyExc_ImportError)) {
-                _PyErr_FormatFromCause(PyExc_AttributeError, "module '%s' has no attribute '%U'",
-                                       PyModule_GetName(module.module), name);
+            if (!PyErr_ExceptionMatches(PyExc_ImportError)) {
+                throw;
             }
-            throw;
         }
     }
     raise(PyExc_AttributeError, "module '%s' has no attribute '%S'",
@@ -73,13 +49,7 @@ Ref module_attribute(const ModuleState& module, PyObject* name) {
 Ref find(const ModuleState& module, const Collaborator& collaborator) {
     PyObject* own =
         PyDict_GetItemWithError(PyModule_GetDict(module.module), module.names[collaborator.name]);
-    if (own != nullptr) {
-        return shared(own);
-    }
-    if (PyErr_Occurred() != nullptr) {
-        throw PythonError();
-    }
-    return import_from_home(module, collaborator);
+    return own != nullptr ? shared(own) : import_from_home(module, collaborator);
 }
 
 const PyMethodDef kModuleAttribute = method<module_attribute, kAttributeSignature>(nullptr);
