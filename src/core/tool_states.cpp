@@ -86,16 +86,6 @@ void ToolStates::seed(const HashedText& tool, ToolState state) {
     static_cast<ToolState&>(find_or_insert(tool)) = std::move(state);
 }
 
-void ToolStates::seed(ToolStates stored) {
-    if (entries_.empty()) {
-        *this = std::move(stored);
-        return;
-    }
-    for (const auto& [tool, entry] : stored.entries_) {
-        seed(tool, entry);
-    }
-}
-
 std::vector<HealthRow> ToolStates::take_changes() {
     std::vector<Map::iterator> taken;
     std::vector<HealthRow> rows;

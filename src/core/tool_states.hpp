@@ -78,9 +78,8 @@ public:
     // cooldown has passed it is enabled now.
     std::optional<LastError> check(Position position, double now, double cooldown_s);
 
-    // Installs a stored state, or all of them. They count as saved.
+    // Installs a stored state, which counts as saved.
     void seed(const HashedText& tool, ToolState state);
-    void seed(ToolStates stored);
 
     bool has_changes() const { return changed_ > 0; }
 

@@ -36,18 +36,6 @@ void UsageCounts::record_call(const UsageKey& key, std::optional<double> duratio
     changed_ = true;
 }
 
-void UsageCounts::seed(UsageCounts stored) {
-    if (entries_.empty()) {
-        store_ = std::move(stored.store_);
-        texts_ = std::move(stored.texts_);
-        entries_ = std::move(stored.entries_);
-        return;
-    }
-    for (const auto& [key, usage] : stored.entries_) {
-        seed(key, usage);
-    }
-}
-
 std::optional<std::vector<UsageEntry>> UsageCounts::take_changes() {
     if (!changed_) {
         return std::nullopt;

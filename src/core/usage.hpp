@@ -44,10 +44,8 @@ class UsageCounts {
 public:
     void record_call(const UsageKey& key, std::optional<double> duration_ms);
 
-    // Installs a stored count, or all of them, in place of those with the same key. Changes no
-    // mark.
+    // Installs a stored count in place of the one with the same key. Changes no mark.
     void seed(const UsageKey& key, const Usage& usage) { *find_or_insert(key) = usage; }
-    void seed(UsageCounts stored);
 
     bool has_changes() const { return changed_; }
     void mark_changed(bool changed) { changed_ = changed; }

@@ -138,7 +138,11 @@ Ref load_health(Tracker& tracker) {
     } catch (const PythonError&) {
         error = take_error();
     }
-    tracker.health.run_aside([&](Health& health) { health.states.seed(std::move(states)); });
+    tracker.health.run_aside([&](Health& health) {
+        for (const auto& [tool, state] : states.entries()) {
+            health.states.seed(tool, state);
+        }
+    });
     if (error != nullptr) {
         restore_error(error);
         throw PythonError();

@@ -4,6 +4,7 @@
 #include <span>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "core/document_reader.hpp"
 #include "core/document_writer.hpp"
@@ -114,24 +115,21 @@ StoredUsage read_usage(Tracker& tracker) {
     return read_any_form(tracker.module.names, document);
 }
 
-// The counts of what the registry still has.
-StoredUsage prune(Tracker& tracker, StoredUsage stored) {
-    if (stored.counts.entries().empty()) {
-        return stored;
+// The entries of what the registry still has.
+std::vector<UsageEntry> known_entries(const ModuleState& module, const UsageCounts& counts) {
+    std::vector<UsageEntry> known;
+    if (counts.entries().empty()) {
+        return known;
     }
-    const auto tools = find(tracker.module, kTools);
-    StoredUsage kept{.counts = {}, .is_whole = stored.is_whole};
+    const auto tools = find(module, kTools);
     Pacer pacer;
-    for (const auto& [key, usage] : stored.counts.entries()) {
-        if (registry_knows(tracker.module.names, tools, to_python(key.tool),
-                           to_python(key.action))) {
-            kept.counts.seed(key, usage);
-        } else {
-            kept.is_whole = false;
+    for (const auto& [key, usage] : counts.entries()) {
+        if (registry_knows(module.names, tools, to_python(key.tool), to_python(key.action))) {
+            known.push_back({&key, usage});
         }
         pacer.step();
     }
-    return kept;
+    return known;
 }
 
 Ref load_usage(Tracker& tracker) {
@@ -140,10 +138,13 @@ Ref load_usage(Tracker& tracker) {
                       [&] { stored = read_usage(tracker); })) {
         return none();
     }
-    stored = prune(tracker, std::move(stored));
+    const auto known = known_entries(tracker.module, stored.counts);
     tracker.health.run_aside([&](Health& health) {
-        health.usage.seed(std::move(stored.counts));
-        health.usage.mark_changed(!stored.is_whole);
+        for (const auto& [key, usage] : known) {
+            health.usage.seed(*key, usage);
+        }
+        health.usage.mark_changed(!stored.is_whole ||
+                                  known.size() < stored.counts.entries().size());
     });
     return none();
 }
