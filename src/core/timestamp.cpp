@@ -24,86 +24,48 @@ constexpr sys_seconds kEnd = sys_days{year{10000} / 1 / 1};
 
 bool is_digit(char character) { return '0' <= character && character <= '9'; }
 
-// Reads fields off the front of a text; what does not fit leaves the text where it is.
+// Reads fields off the front of a text. Once something does not fit it has failed.
 class FieldReader {
 public:
     explicit FieldReader(std::string_view text) : rest_(text) {}
 
-    std::optional<int> number(std::size_t fewest, std::size_t most) {
+    int number(std::size_t fewest, std::size_t most) {
         std::size_t length = 0;
         int value = 0;
         while (length < most && length < rest_.size() && is_digit(rest_[length])) {
             value = value * 10 + (rest_[length++] - '0');
         }
-        if (length < fewest) {
-            return std::nullopt;
-        }
         rest_.remove_prefix(length);
+        failed_ |= length < fewest;
         return value;
     }
 
     // A number of one or two digits, or, as C libraries pad days, a blank and one digit.
-    std::optional<int> padded_number() { return literal(' ') ? number(1, 1) : number(1, 2); }
-
-    bool literal(char expected) {
-        if (rest_.empty() || rest_.front() != expected) {
-            return false;
-        }
-        rest_.remove_prefix(1);
-        return true;
+    int padded_number() {
+        const bool padded = rest_.starts_with(' ');
+        rest_.remove_prefix(padded ? 1 : 0);
+        return padded ? number(1, 1) : number(1, 2);
     }
 
-    bool white_space() {
-        bool found = false;
-        while (!rest_.empty()) {
-            auto after = rest_;
-            if (!is_white_space(take_code_point(after))) {
-                break;
-            }
+    void literal(char expected) {
+        failed_ |= !rest_.starts_with(expected);
+        rest_.remove_prefix(failed_ ? 0 : 1);
+    }
+
+    void white_space() {
+        const auto before = rest_.size();
+        for (auto after = rest_; !after.empty() && is_white_space(take_code_point(after));) {
             rest_ = after;
-            found = true;
         }
-        return found;
+        failed_ |= rest_.size() == before;
     }
 
-    bool at_end() const { return rest_.empty(); }
+    bool has_read_all() const { return !failed_ && rest_.empty(); }
 
 private:
     std::string_view rest_;
+    bool failed_ = false;
 };
-
-std::optional<year_month_day> read_date(FieldReader& reader) {
-    const auto y = reader.number(4, 4);
-    if (!y || *y < 1 || !reader.literal('-')) {
-        return std::nullopt;
-    }
-    const auto m = reader.number(1, 2);
-    if (!m || !reader.literal('-')) {
-        return std::nullopt;
-    }
-    const auto d = reader.padded_number();
-    if (!d) {
-        return std::nullopt;
-    }
-    const year_month_day date = year{*y} / *m / *d;
-    return date.ok() ? std::optional(date) : std::nullopt;
-}
-
-std::optional<seconds> read_time_of_day(FieldReader& reader) {
-    const auto h = reader.number(1, 2);
-    if (!h || *h > 23 || !reader.literal(':')) {
-        return std::nullopt;
-    }
-    const auto m = reader.number(1, 2);
-    if (!m || *m > 59 || !reader.literal(':')) {
-        return std::nullopt;
-    }
-    const auto s = reader.number(1, 2);
-    if (!s || *s > 59) {
-        return std::nullopt;
-    }
-    return hours{*h} + minutes{*m} + seconds{*s};
-}
 
 void write_digits(char* end, int value, int count) {
     for (; count > 0; --count, value /= 10) {
@@ -144,15 +106,23 @@ TimestampText format_timestamp(double epoch) {
 
 std::optional<double> parse_timestamp(std::string_view text) {
     FieldReader reader(text);
-    const auto date = read_date(reader);
-    if (!date || !reader.white_space()) {
+    const int y = reader.number(4, 4);
+    reader.literal('-');
+    const int m = reader.number(1, 2);
+    reader.literal('-');
+    const int d = reader.padded_number();
+    reader.white_space();
+    const int hour = reader.number(1, 2);
+    reader.literal(':');
+    const int minute = reader.number(1, 2);
+    reader.literal(':');
+    const int second = reader.number(1, 2);
+
+    const year_month_day date = year{y} / m / d;
+    if (!reader.has_read_all() || y < 1 || !date.ok() || hour > 23 || minute > 59 || second > 59) {
         return std::nullopt;
     }
-    const auto time_of_day = read_time_of_day(reader);
-    if (!time_of_day || !reader.at_end()) {
-        return std::nullopt;
-    }
-    const sys_seconds time = sys_days{*date} + *time_of_day;
+    const sys_seconds time = sys_days{date} + hours{hour} + minutes{minute} + seconds{second};
     return static_cast<double>(time.time_since_epoch().count());
 }
 

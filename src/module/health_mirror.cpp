@@ -68,11 +68,6 @@ Ref epoch(const ModuleState& /*module*/, PyObject* value) { return to_python(sto
 
 // Reading
 
-PyDoc_STRVAR(kLoadDoc, R"(_load($self)
---
-
-Read the tool_health table.)");
-
 // The stored rows of known tools, as a list. Deletes those of the others.
 Ref read_rows(Tracker& tracker) {
     const auto& names = tracker.module.names;
@@ -152,11 +147,6 @@ Ref load_health(Tracker& tracker) {
 
 // Writing
 
-PyDoc_STRVAR(kFlushDoc, R"(_flush_health($self)
---
-
-Write the changed rows of tool_health; return how many.)");
-
 Ref row_values(const HealthRow& row) {
     return make_tuple(to_python(row.tool), to_python(row.call_count), to_python(row.error_count),
                       to_python(row.last_error), to_python(row.disabled_at),
@@ -193,8 +183,11 @@ Ref flush_health(Tracker& tracker) {
 const char* const kHealthColumns = COLUMNS;
 #undef COLUMNS
 
-const PyMethodDef kLoadHealth = method<load_health>("_load", kLoadDoc);
-const PyMethodDef kFlushHealth = method<flush_health>("_flush_health", kFlushDoc);
+const PyMethodDef kLoadHealth =
+    method<load_health>("_load", "_load($self)\n--\n\nRead the tool_health table.");
+const PyMethodDef kFlushHealth = method<flush_health>(
+    "_flush_health",
+    "_flush_health($self)\n--\n\nWrite the changed rows of tool_health; return how many.");
 const PyMethodDef kEpoch = method<epoch, kEpochSignature>(kEpochDoc);
 const PyMethodDef kSqliteTime = method<sqlite_time, kSqliteTimeSignature>(kSqliteTimeDoc);
 

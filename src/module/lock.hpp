@@ -19,17 +19,15 @@
 
 namespace health {
 
+// Does something at the end of a scope.
 template <class End>
-class AtExit {
-public:
-    explicit AtExit(End end) : end_(end) {}
-    ~AtExit() { end_(); }
-    AtExit(const AtExit&) = delete;
-    AtExit& operator=(const AtExit&) = delete;
+struct AtExit {
+    ~AtExit() { end(); }
 
-private:
-    End end_;
+    End end;
 };
+template <class End>
+AtExit(End) -> AtExit<End>;
 
 class SharedHealth {
 public:
@@ -37,10 +35,7 @@ public:
     // it has to wait.
     template <class Work>
     auto run(Work&& work) {
-        if (announced_.load(std::memory_order_acquire) == 0) {
-            return work(health_);
-        }
-        return run_aside(work);
+        return announced_.load(std::memory_order_acquire) == 0 ? work(health_) : run_aside(work);
     }
 
     // The same for longer work: without the interpreter lock in any case.
@@ -48,7 +43,7 @@ public:
     [[gnu::noinline]] auto run_aside(Work&& work) {
         announce();
         GilRelease gil;
-        const AtExit lower([&] { announced_.fetch_sub(1, std::memory_order_release); });
+        const AtExit lower{[&] { announced_.fetch_sub(1, std::memory_order_release); }};
         const auto lock = wait(gil);
         return work(health_);
     }
@@ -58,14 +53,14 @@ public:
     template <class Work>
     auto run_over_python(Work&& work) {
         announce();
-        const AtExit lower([&] { announced_.fetch_sub(1, std::memory_order_release); });
+        const AtExit lower{[&] { announced_.fetch_sub(1, std::memory_order_release); }};
         std::unique_lock<Mutex> lock;
         {
             GilRelease gil;
             lock = wait(gil);
         }
         holder_ = std::this_thread::get_id();
-        const AtExit let_go([&] { holder_ = std::thread::id(); });
+        const AtExit let_go{[&] { holder_ = std::thread::id(); }};
         return work(health_);
     }
 

@@ -6,8 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "core/document_reader.hpp"
-#include "core/document_writer.hpp"
+#include "core/usage_document.hpp"
 #include "module/arguments.hpp"
 #include "module/collaborators.hpp"
 #include "module/mirror.hpp"
@@ -36,11 +35,6 @@ Ref known(const ModuleState& module, PyObject* tool, PyObject* action) {
 }
 
 // Reading
-
-PyDoc_STRVAR(kLoadDoc, R"(_load_usage($self)
---
-
-Read the usage document.)");
 
 struct StoredUsage {
     UsageCounts counts;
@@ -151,11 +145,6 @@ Ref load_usage(Tracker& tracker) {
 
 // Writing
 
-PyDoc_STRVAR(kFlushDoc, R"(_flush_usage($self)
---
-
-Write the usage document if a count changed; return its number of rows.)");
-
 // The document as Python text, made without the interpreter lock but for its allocation.
 Ref make_document(std::span<const UsageEntry> entries) {
     auto document = aside([&] { return write_usage_document(entries); });
@@ -190,8 +179,12 @@ Ref flush_usage(Tracker& tracker) {
 
 const char* const kUsageDocumentKey = "tool_usage";
 
-const PyMethodDef kLoadUsage = method<load_usage>("_load_usage", kLoadDoc);
-const PyMethodDef kFlushUsage = method<flush_usage>("_flush_usage", kFlushDoc);
+const PyMethodDef kLoadUsage =
+    method<load_usage>("_load_usage", "_load_usage($self)\n--\n\nRead the usage document.");
+const PyMethodDef kFlushUsage =
+    method<flush_usage>("_flush_usage",
+                        "_flush_usage($self)\n--\n\nWrite the usage document if a count changed; "
+                        "return its number of rows.");
 const PyMethodDef kKnown = method<known, kKnownSignature>(kKnownDoc);
 
 }  // namespace health

@@ -4,9 +4,8 @@
 
 #include <string>
 
-#include "core/document_reader.hpp"
-#include "core/document_writer.hpp"
 #include "core/tool_states.hpp"
+#include "core/usage_document.hpp"
 
 namespace health {
 namespace {

@@ -1,8 +1,10 @@
-// Reads the usage document as it is written, without the interpreter.
+// The usage document: the counts as compact, ASCII-only JSON.
 #pragma once
 
 #include <cstddef>
 #include <optional>
+#include <span>
+#include <string>
 #include <string_view>
 
 #include "core/usage.hpp"
@@ -13,5 +15,8 @@ namespace health {
 // any other form than the writer's, which the interpreter's JSON reader may still understand.
 std::optional<UsageCounts> read_usage_document(std::string_view document,
                                                std::size_t (*hash)(std::string_view));
+
+// An array with an object per entry, in their order, its total rounded to 3 decimals.
+std::string write_usage_document(std::span<const UsageEntry> entries);
 
 }  // namespace health
