@@ -14,10 +14,19 @@
 #include <mutex>
 #include <thread>
 
-#include "core/health.hpp"
+#include "core/tool_states.hpp"
+#include "core/usage.hpp"
 #include "module/python.hpp"
 
 namespace health {
+
+// What a tracker keeps in memory.
+struct Health {
+    ToolStates states;
+    UsageCounts usage;
+
+    bool has_changes() const { return states.has_changes() || usage.has_changes(); }
+};
 
 // Does something at the end of a scope.
 template <class End>

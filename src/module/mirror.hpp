@@ -21,10 +21,10 @@ void write_or_mark(Write&& write, Mark&& mark) {
     } catch (const std::exception&) {
         set_error_from_exception();
         auto error = take_error();
-        for (bool marked = false; !marked;) {
+        while (true) {
             try {
                 mark();
-                marked = true;
+                break;
             } catch (const PythonError&) {
                 auto later = take_error();
                 PyException_SetContext(later, error.release());

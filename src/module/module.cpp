@@ -8,7 +8,6 @@
 
 #include "module/mirror.hpp"
 #include "module/operations.hpp"
-#include "module/records.hpp"
 #include "module/tracker.hpp"
 #include "module/values.hpp"
 

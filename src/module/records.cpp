@@ -1,5 +1,4 @@
-#include "module/records.hpp"
-
+// A tracker's memory as Python sees it: records in new containers.
 #include <string_view>
 #include <utility>
 #include <vector>

@@ -37,7 +37,9 @@ inline const Names& names_of(const Tracker& tracker) { return tracker.module.nam
 
 Ref database(const Tracker& tracker);
 
-// Makes the class for a module that is being loaded.
+// Make the class, and a dict of the types _ToolState, _Usage and _UsageKey, for a module that is
+// being loaded.
 Ref make_tracker_type(PyObject* module, PyObject* module_name);
+Ref make_records(PyObject* module_name);
 
 }  // namespace health
