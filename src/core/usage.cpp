@@ -36,6 +36,12 @@ void UsageCounts::record_call(const UsageKey& key, std::optional<double> duratio
     changed_ = true;
 }
 
+void UsageCounts::adopt(UsageCounts stored) {
+    store_ = std::move(stored.store_);
+    texts_ = std::move(stored.texts_);
+    entries_ = std::move(stored.entries_);
+}
+
 std::optional<std::vector<UsageEntry>> UsageCounts::take_changes() {
     if (!changed_) {
         return std::nullopt;

@@ -47,6 +47,9 @@ public:
     // Installs a stored count in place of the one with the same key. Changes no mark.
     void seed(const UsageKey& key, const Usage& usage) { *find_or_insert(key) = usage; }
 
+    // Installs all of them at once, into none.
+    void adopt(UsageCounts stored);
+
     bool has_changes() const { return changed_; }
     void mark_changed(bool changed) { changed_ = changed; }
 

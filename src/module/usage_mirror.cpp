@@ -3,6 +3,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -116,9 +117,14 @@ std::vector<UsageEntry> known_entries(const ModuleState& module, const UsageCoun
         return known;
     }
     const auto tools = find(module, kTools);
+    std::unordered_map<const HashedText*, Ref> texts;  // the keys repeat few texts many times
+    const auto object = [&](const HashedText* text) -> const Ref& {
+        auto& made = texts[text];
+        return made == nullptr ? made = to_python(text) : made;
+    };
     Pacer pacer;
     for (const auto& [key, usage] : counts.entries()) {
-        if (registry_knows(module.names, tools, to_python(key.tool), to_python(key.action))) {
+        if (registry_knows(module.names, tools, object(key.tool), object(key.action))) {
             known.push_back({&key, usage});
         }
         pacer.step();
@@ -134,11 +140,15 @@ Ref load_usage(Tracker& tracker) {
     }
     const auto known = known_entries(tracker.module, stored.counts);
     tracker.health.run_aside([&](Health& health) {
+        const bool is_whole = known.size() == stored.counts.entries().size();
+        health.usage.mark_changed(!is_whole || !stored.is_whole);
+        if (is_whole && health.usage.entries().empty()) {
+            health.usage.adopt(std::move(stored.counts));
+            return;
+        }
         for (const auto& [key, usage] : known) {
             health.usage.seed(*key, usage);
         }
-        health.usage.mark_changed(!stored.is_whole ||
-                                  known.size() < stored.counts.entries().size());
     });
     return none();
 }
