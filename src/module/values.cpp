@@ -40,9 +40,9 @@ void Text::encode(PyObject* object) {
 // Python hashes the text's code points, each as wide as the widest needs.
 std::size_t python_hash(std::string_view text) {
     const auto hash = [](const auto& units) {
-        const auto bytes = units.size() * sizeof(units[0]);
-        return static_cast<std::size_t>(
-            _Py_HashBytes(units.data(), static_cast<Py_ssize_t>(bytes)));
+        const auto bytes = static_cast<Py_ssize_t>(units.size() * sizeof(units[0]));
+        const auto found = bytes == 0 ? 0 : PyHash_GetFuncDef()->hash(units.data(), bytes);
+        return static_cast<std::size_t>(found == -1 ? -2 : found);
     };
     if (std::all_of(text.begin(), text.end(), [](char c) { return (c & '\x80') == 0; })) {
         return hash(text);
