@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cmath>
+#include <stdexcept>
 
 #include "core/text.hpp"
 
@@ -86,7 +87,7 @@ TimestampText format_timestamp(double epoch) {
     // Written so that not-a-number fails too.
     if (!(whole >= static_cast<double>(kFirst.time_since_epoch().count()) &&
           whole < static_cast<double>(kEnd.time_since_epoch().count()))) {
-        throw UnwritableTime();
+        throw std::domain_error("the time is outside the years 1 to 9999");
     }
     const sys_seconds time{seconds{static_cast<std::int64_t>(whole)}};
     const auto midnight = floor<days>(time);

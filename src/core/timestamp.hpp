@@ -3,7 +3,6 @@
 
 #include <array>
 #include <optional>
-#include <stdexcept>
 #include <string_view>
 
 namespace health {
@@ -14,13 +13,9 @@ using TimestampText = std::array<char, 19>;
 
 inline std::string_view view(const TimestampText& text) { return {text.data(), text.size()}; }
 
-// Thrown for a time that has no timestamp text: outside the years 1 to 9999, or not a number.
-struct UnwritableTime : std::domain_error {
-    UnwritableTime() : std::domain_error("the time is outside the years 1 to 9999") {}
-};
-
 // The text of a time in epoch seconds: rounded to the nearest microsecond (ties to even), the
-// rest of the second then dropped.
+// rest of the second then dropped. Throws std::domain_error for a time outside the years 1 to 9999
+// and for what is not a number.
 TimestampText format_timestamp(double epoch);
 
 // The epoch seconds of a timestamp text; nothing when it cannot be read as one. Reads a little

@@ -51,7 +51,7 @@ struct HealthRow {
     TimestampText updated_at;
 };
 
-// Throws UnwritableTime.
+// Throws as format_timestamp does.
 HealthRow health_row(const HashedText& tool, const ToolState& state);
 
 // The state of every tool seen, in the order in which they were first seen, and which of them
@@ -84,7 +84,7 @@ public:
     bool has_changes() const { return changed_ > 0; }
 
     // The changed tools' rows by name; none of them counts as changed afterwards. Throws
-    // UnwritableTime (and they do not count as changed then either).
+    // as format_timestamp does (and they do not count as changed then either).
     std::vector<HealthRow> take_changes();
 
     // Marks the tools of rows that could not be written as changed again.

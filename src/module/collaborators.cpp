@@ -63,6 +63,7 @@ bool registry_knows(const Names& names, const Ref& tools, PyObject* tool, PyObje
 }
 
 void log_history_error(const ModuleState& module, const char* message) {
+    set_error_from_exception();
     if (!PyErr_ExceptionMatches(PyExc_Exception)) {
         throw PythonError();
     }

@@ -27,8 +27,8 @@ Ref find(const ModuleState& module, const Collaborator& collaborator);
 // Whether the registry `tools` has a tool and, unless `action` is none, that action of it.
 bool registry_knows(const Names& names, const Ref& tools, PyObject* tool, PyObject* action);
 
-// Logs the interpreter's error as the argument of `message`, a warning, and clears it; passes on
-// what is not an Exception.
+// Logs the error being handled as the argument of `message`, a warning; passes on what is not an
+// Exception.
 void log_history_error(const ModuleState& module, const char* message);
 
 // Runs `read`, which reads stored history. False, and the error logged, when that failed.
@@ -38,10 +38,9 @@ bool read_history(const ModuleState& module, const char* message, Read&& read) {
         read();
         return true;
     } catch (const std::exception&) {
-        set_error_from_exception();
+        log_history_error(module, message);
+        return false;
     }
-    log_history_error(module, message);
-    return false;
 }
 
 }  // namespace health

@@ -75,13 +75,10 @@ Ref read_rows(Tracker& tracker) {
     const auto stored = db.method(names[Name::fetchall], to_python(kSelect));
     auto known = owned(PyList_New(0));
     const auto removed = owned(PyList_New(0));
-    Ref tools;
+    const auto tools = find(tracker.module, kTools);
     Pacer pacer;
     stored.for_each([&](const Ref& row) {
         const auto tool = row.at(0);
-        if (tools == nullptr) {
-            tools = find(tracker.module, kTools);
-        }
         if (registry_knows(names, tools, tool, Py_None)) {
             checked(PyList_Append(known, row));
         } else {
@@ -120,28 +117,17 @@ Ref load_health(Tracker& tracker) {
                       [&] { rows = read_rows(tracker); })) {
         return none();
     }
-    // Converting calls Python, so it comes before the lock is taken. The rows before one that
-    // cannot be converted are installed all the same.
-    ToolStates states;
-    Ref error;
-    try {
-        Pacer pacer;
-        rows.for_each([&](const Ref& row) {
-            seed(states, row);
-            pacer.step();
-        });
-    } catch (const PythonError&) {
-        error = take_error();
-    }
+    ToolStates states;  // converting calls Python, so it comes before the lock is taken
+    Pacer pacer;
+    rows.for_each([&](const Ref& row) {
+        seed(states, row);
+        pacer.step();
+    });
     tracker.health.run_aside([&](Health& health) {
         for (const auto& [tool, state] : states.entries()) {
             health.states.seed(tool, state);
         }
     });
-    if (error != nullptr) {
-        restore_error(error);
-        throw PythonError();
-    }
     return none();
 }
 

@@ -31,8 +31,7 @@ void write_or_mark(Write&& write, Mark&& mark) {
                 error = std::move(later);
             }
         }
-        restore_error(error);
-        throw PythonError();
+        raise_again(error);
     }
 }
 

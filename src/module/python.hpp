@@ -9,10 +9,9 @@
 #include <cstddef>
 #include <exception>
 #include <new>
+#include <stdexcept>
 #include <thread>
 #include <utility>
-
-#include "core/timestamp.hpp"
 
 namespace health {
 
@@ -138,8 +137,9 @@ inline Ref take_error() {
     return Ref(value);
 }
 
-inline void restore_error(const Ref& error) {
+[[noreturn]] inline void raise_again(const Ref& error) {
     PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(error.get())), error);
+    throw PythonError();
 }
 
 // Sets the interpreter's error from the C++ exception being handled.
@@ -148,7 +148,7 @@ inline void set_error_from_exception() {
         throw;
     } catch (const PythonError&) {
         // It is set already.
-    } catch (const UnwritableTime& error) {
+    } catch (const std::domain_error& error) {
         PyErr_SetString(PyExc_ValueError, error.what());
     } catch (const std::bad_alloc&) {
         PyErr_NoMemory();

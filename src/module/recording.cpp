@@ -137,8 +137,7 @@ Ref record_error(Tracker& tracker, PyObject* tool_name, PyObject* error) {
         // The call failed whatever the settings are.
         const auto unreadable = take_error();
         count(std::nullopt);
-        restore_error(unreadable);
-        throw;
+        raise_again(unreadable);
     }
     count(disable_after);
     return none();
