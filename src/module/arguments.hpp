@@ -19,6 +19,10 @@ struct Signature {
     std::array<Name, Size> parameters;
     std::size_t positional = Size;      // how many may be given by position
     std::size_t required = positional;  // how many of these have no default; the others never have
+
+    constexpr bool needs(std::size_t place) const {
+        return place < required || place >= positional;
+    }
 };
 
 // The place of the parameter with that name, Size for none. Names in a call are nearly always
@@ -45,29 +49,45 @@ auto bind(const Names& names, PyObject* const* given, std::size_t positional, Py
     constexpr auto kSize = kSignature.parameters.size();
     const auto named =
         keywords == nullptr ? 0 : static_cast<std::size_t>(PyTuple_GET_SIZE(keywords));
-    if (positional > kSignature.positional || positional + named > kSize) {
-        raise(PyExc_TypeError,
-              "%s() takes at most %zu arguments, %zu of them by position (%zu given)",
-              kSignature.function, kSize, kSignature.positional, positional + named);
+    const auto plural = [](std::size_t count) { return count == 1 ? "" : "s"; };
+    if (positional + named > kSize) {
+        raise(PyExc_TypeError, "%s() takes at most %zu %sargument%s (%zu given)",
+              kSignature.function, kSize, positional == 0 ? "keyword " : "", plural(kSize),
+              positional + named);
+    }
+    if (positional > kSignature.positional) {
+        raise(PyExc_TypeError, "%s() takes exactly %zu positional argument%s (%zu given)",
+              kSignature.function, kSignature.positional, plural(kSignature.positional),
+              positional);
     }
     std::array<PyObject*, kSize> bound{};
     for (std::size_t i = 0; i < kSize; ++i) {
         bound[i] = i < positional ? given[i] : nullptr;
     }
+    PyObject* odd = nullptr;  // a name of no parameter, or of one given by position
     for (std::size_t i = positional; i < positional + named; ++i) {
         PyObject* keyword = PyTuple_GET_ITEM(keywords, i - positional);
         const auto place = place_of(kSignature, names, keyword);
         if (place == kSize || bound[place] != nullptr) {
-            raise(PyExc_TypeError, "%s() got %s argument '%U'", kSignature.function,
-                  place == kSize ? "an unexpected" : "multiple values for", keyword);
+            odd = keyword;
+        } else {
+            bound[place] = given[i];
         }
-        bound[place] = given[i];
     }
     for (std::size_t i = 0; i < kSize; ++i) {
-        if (bound[i] == nullptr && (i < kSignature.required || i >= kSignature.positional)) {
-            raise(PyExc_TypeError, "%s() misses its argument '%s'", kSignature.function,
-                  text(kSignature.parameters[i]));
+        if (bound[i] == nullptr && kSignature.needs(i)) {
+            raise(PyExc_TypeError, "%s() missing required argument '%s' (pos %zu)",
+                  kSignature.function, text(kSignature.parameters[i]), i + 1);
         }
+    }
+    if (odd != nullptr) {
+        const auto place = place_of(kSignature, names, odd);
+        if (place == kSize) {
+            raise(PyExc_TypeError, "'%U' is an invalid keyword argument for %s()", odd,
+                  kSignature.function);
+        }
+        raise(PyExc_TypeError, "argument for %s() given by name ('%U') and position (%zu)",
+              kSignature.function, odd, place + 1);
     }
     return bound;
 }

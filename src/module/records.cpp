@@ -95,7 +95,7 @@ Ref usage_dirty(Tracker& tracker) {
 }  // namespace
 
 Ref make_records(PyObject* module_name) {
-    const auto records = owned(Py_BuildValue("{sO}", "__name__", module_name));
+    auto records = owned(Py_BuildValue("{sO}", "__name__", module_name));
     owned(PyRun_String(kRecords, Py_file_input, records, records));
     return records;
 }
