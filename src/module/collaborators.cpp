@@ -52,7 +52,9 @@ Ref find(const ModuleState& module, const Collaborator& collaborator) {
     return own != nullptr ? shared(own) : import_from_home(module, collaborator);
 }
 
-const PyMethodDef kModuleAttribute = method<module_attribute, kAttributeSignature>(nullptr);
+Methods collaborator_functions() {
+    return {method<module_attribute, kAttributeSignature>(nullptr)};
+}
 
 bool registry_knows(const Names& names, const Ref& tools, PyObject* tool, PyObject* action) {
     const auto spec = tools.method(names[Name::get], tool);

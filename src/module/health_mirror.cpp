@@ -169,12 +169,20 @@ Ref flush_health(Tracker& tracker) {
 const char* const kHealthColumns = COLUMNS;
 #undef COLUMNS
 
-const PyMethodDef kLoadHealth =
-    method<load_health>("_load", "_load($self)\n--\n\nRead the tool_health table.");
-const PyMethodDef kFlushHealth = method<flush_health>(
-    "_flush_health",
-    "_flush_health($self)\n--\n\nWrite the changed rows of tool_health; return how many.");
-const PyMethodDef kEpoch = method<epoch, kEpochSignature>(kEpochDoc);
-const PyMethodDef kSqliteTime = method<sqlite_time, kSqliteTimeSignature>(kSqliteTimeDoc);
+Methods health_mirror_methods() {
+    return {
+        method<load_health>("_load", "_load($self)\n--\n\nRead the tool_health table."),
+        method<flush_health>(
+            "_flush_health",
+            "_flush_health($self)\n--\n\nWrite the changed rows of tool_health; return how many."),
+    };
+}
+
+Methods health_mirror_functions() {
+    return {
+        method<epoch, kEpochSignature>(kEpochDoc),
+        method<sqlite_time, kSqliteTimeSignature>(kSqliteTimeDoc),
+    };
+}
 
 }  // namespace health

@@ -45,13 +45,11 @@ void add_text(PyObject* module, const char* name, std::string_view text) {
     add(module, name, to_python(text));
 }
 
-// The functions need the module's state, so they come once it is there. The interpreter keeps the
-// table.
+// The functions need the module's state, so they come once it is there: the interpreter asks for
+// attributes, and so calls __getattr__, before it loads the module. It keeps the table.
 void add_functions(PyObject* module) {
-    static std::array functions{
-        kPerformanceStats, kThreadCensusReport, kSqliteTime, kEpoch, kKnown,
-        kModuleAttribute,  PyMethodDef{},
-    };
+    static auto functions = table<Methods>({health_mirror_functions(), usage_mirror_functions(),
+                                            report_functions(), collaborator_functions()});
     checked(PyModule_AddFunctions(module, functions.data()));
 }
 

@@ -1,4 +1,5 @@
-// The operations of every tool call.
+// The operations of every tool call. None of them touches the database, and one that finds the tool
+// known allocates nothing but its answer and an error's text that is new.
 #include <cstdint>
 #include <ctime>
 #include <optional>
@@ -181,10 +182,13 @@ Ref is_disabled(Tracker& tracker, PyObject* tool_name) {
 
 }  // namespace
 
-const PyMethodDef kRecordCall = method<record_call, kRecordCallSignature>(kRecordCallDoc);
-const PyMethodDef kRecordSuccess =
-    method<record_success, kRecordSuccessSignature>(kRecordSuccessDoc);
-const PyMethodDef kRecordError = method<record_error, kRecordErrorSignature>(kRecordErrorDoc);
-const PyMethodDef kIsDisabled = method<is_disabled, kIsDisabledSignature>(kIsDisabledDoc);
+Methods recording_methods() {
+    return {
+        method<record_call, kRecordCallSignature>(kRecordCallDoc),
+        method<record_success, kRecordSuccessSignature>(kRecordSuccessDoc),
+        method<record_error, kRecordErrorSignature>(kRecordErrorDoc),
+        method<is_disabled, kIsDisabledSignature>(kIsDisabledDoc),
+    };
+}
 
 }  // namespace health

@@ -100,12 +100,15 @@ Ref make_records(PyObject* module_name) {
     return records;
 }
 
-const PyGetSetDef kState =
-    property<state>("_state", "A copy of the tools' states: a dict of _ToolState by name.");
-const PyGetSetDef kDirty = property<dirty>("_dirty", "A copy of the set of tools to be written.");
-const PyGetSetDef kUsage = property<usage>(
-    "_usage", "A copy of the counts: a dict of _Usage by (tool, action, outcome, alias_hit).");
-const PyGetSetDef kUsageDirty =
-    property<usage_dirty>("_usage_dirty", "Whether the usage document is to be written.");
+Properties record_properties() {
+    return {
+        property<state>("_state", "A copy of the tools' states: a dict of _ToolState by name."),
+        property<dirty>("_dirty", "A copy of the set of tools to be written."),
+        property<usage>(
+            "_usage",
+            "A copy of the counts: a dict of _Usage by (tool, action, outcome, alias_hit)."),
+        property<usage_dirty>("_usage_dirty", "Whether the usage document is to be written."),
+    };
+}
 
 }  // namespace health

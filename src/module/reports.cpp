@@ -187,11 +187,15 @@ Ref thread_census_report(const ModuleState& module, PyObject* budget, PyObject* 
 
 }  // namespace
 
-const PyMethodDef kGetHealthSummary =
-    method<get_health_summary>("get_health_summary", kGetHealthSummaryDoc);
-const PyMethodDef kPerformanceStats =
-    method<tool_performance_stats>("handle_get_tool_performance_stats", kPerformanceStatsDoc);
-const PyMethodDef kThreadCensusReport =
-    method<thread_census_report, kThreadReportSignature>(kThreadCensusReportDoc);
+Methods report_methods() {
+    return {method<get_health_summary>("get_health_summary", kGetHealthSummaryDoc)};
+}
+
+Methods report_functions() {
+    return {
+        method<tool_performance_stats>("handle_get_tool_performance_stats", kPerformanceStatsDoc),
+        method<thread_census_report, kThreadReportSignature>(kThreadCensusReportDoc),
+    };
+}
 
 }  // namespace health

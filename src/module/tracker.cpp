@@ -149,33 +149,25 @@ void* slot(Function* function) {
 }
 
 PyType_Spec& type_spec() {
-    static std::array methods{
-        kRecordCall,
-        kRecordSuccess,
-        kRecordError,
-        kIsDisabled,
-        method<flush>("flush", kFlushDoc),
-        kGetHealthSummary,
-        kLoadHealth,
-        kLoadUsage,
-        kFlushHealth,
-        kFlushUsage,
-        PyMethodDef{},
-    };
-    static std::array properties{
-        property<limits>("limits", "The settings, as given to the constructor."),
-        property<cooldown_s>("cooldown_s", "How many seconds a disabled tool stays disabled."),
-        property<has_unsaved_changes>("has_unsaved_changes",
-                                      "Whether flush() has anything to write."),
-        property<repository>("_repo", "The repository, as given to the constructor."),
-        property<limits>("_limits", "The settings."),
-        kState,
-        kDirty,
-        kUsage,
-        kUsageDirty,
-        PyGetSetDef{"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
-        PyGetSetDef{},
-    };
+    static auto methods = table<Methods>({
+        {method<flush>("flush", kFlushDoc)},
+        recording_methods(),
+        report_methods(),
+        health_mirror_methods(),
+        usage_mirror_methods(),
+    });
+    static auto properties = table<Properties>({
+        {
+            property<limits>("limits", "The settings, as given to the constructor."),
+            property<cooldown_s>("cooldown_s", "How many seconds a disabled tool stays disabled."),
+            property<has_unsaved_changes>("has_unsaved_changes",
+                                          "Whether flush() has anything to write."),
+            property<repository>("_repo", "The repository, as given to the constructor."),
+            property<limits>("_limits", "The settings."),
+            {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
+        },
+        record_properties(),
+    });
     static std::array members{
         PyMemberDef{"__dictoffset__", T_PYSSIZET, offsetof(TrackerObject, attributes), READONLY,
                     nullptr},

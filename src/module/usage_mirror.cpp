@@ -189,12 +189,15 @@ Ref flush_usage(Tracker& tracker) {
 
 const char* const kUsageDocumentKey = "tool_usage";
 
-const PyMethodDef kLoadUsage =
-    method<load_usage>("_load_usage", "_load_usage($self)\n--\n\nRead the usage document.");
-const PyMethodDef kFlushUsage =
-    method<flush_usage>("_flush_usage",
-                        "_flush_usage($self)\n--\n\nWrite the usage document if a count changed; "
-                        "return its number of rows.");
-const PyMethodDef kKnown = method<known, kKnownSignature>(kKnownDoc);
+Methods usage_mirror_methods() {
+    return {
+        method<load_usage>("_load_usage", "_load_usage($self)\n--\n\nRead the usage document."),
+        method<flush_usage>("_flush_usage",
+                            "_flush_usage($self)\n--\n\nWrite the usage document if a count "
+                            "changed; return its number of rows."),
+    };
+}
+
+Methods usage_mirror_functions() { return {method<known, kKnownSignature>(kKnownDoc)}; }
 
 }  // namespace health
