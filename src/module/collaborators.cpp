@@ -15,8 +15,8 @@ Ref import_from_home(const ModuleState& module, const Collaborator& collaborator
     const auto home = import_module(home_name.c_str());
     Ref found(PyObject_GetAttr(home, module.names[collaborator.name]));
     if (found == nullptr && PyErr_ExceptionMatches(PyExc_AttributeError)) {
-        raise(PyExc_ImportError, "cannot import name '%s' from '%s'", text(collaborator.name),
-              home_name.c_str());
+        raise_from(take_error(), PyExc_ImportError, "cannot import name '%s' from '%s'",
+                   text(collaborator.name), home_name.c_str());
     }
     return owned(found.release());
 }
@@ -25,6 +25,8 @@ Ref import_from_home(const ModuleState& module, const Collaborator& collaborator
 
 constexpr Signature<1> kAttributeSignature{"__getattr__", {Name::name}};
 
+constexpr const char* kNoAttribute = "module '%s' has no attribute '%S'";
+
 // What is not found is an AttributeError, as one who asks for an attribute expects.
 Ref module_attribute(const ModuleState& module, PyObject* name) {
     for (const auto& collaborator :
@@ -32,16 +34,18 @@ Ref module_attribute(const ModuleState& module, PyObject* name) {
         if (checked(PyObject_RichCompareBool(name, module.names[collaborator.name], Py_EQ)) == 0) {
             continue;
         }
-        try {
-            return import_from_home(module, collaborator);
-        } catch (const PythonError&) {
-            if (!PyErr_ExceptionMatches(PyExc_ImportError)) {
-                throw;
-            }
+        Ref found;
+        const auto error = error_of([&] { found = import_from_home(module, collaborator); });
+        if (error == nullptr) {
+            return found;
         }
+        if (PyErr_GivenExceptionMatches(error, PyExc_ImportError) == 0) {
+            raise_again(error);
+        }
+        raise_from(error, PyExc_AttributeError, kNoAttribute, PyModule_GetName(module.module),
+                   name);
     }
-    raise(PyExc_AttributeError, "module '%s' has no attribute '%S'",
-          PyModule_GetName(module.module), name);
+    raise(PyExc_AttributeError, kNoAttribute, PyModule_GetName(module.module), name);
 }
 
 }  // namespace
@@ -64,12 +68,10 @@ bool registry_knows(const Names& names, const Ref& tools, PyObject* tool, PyObje
     return !spec.method(names[Name::action], action).is_none();
 }
 
-void log_history_error(const ModuleState& module, const char* message) {
-    set_error_from_exception();
-    if (!PyErr_ExceptionMatches(PyExc_Exception)) {
-        throw PythonError();
+void log_history_error(const ModuleState& module, const char* message, const Ref& error) {
+    if (PyErr_GivenExceptionMatches(error, PyExc_Exception) == 0) {
+        raise_again(error);
     }
-    const auto error = take_error();
     const auto logger = shared(module.module).attribute(module.names[Name::logger]);
     logger.method(module.names[Name::warning], to_python(std::string_view(message)), error);
 }

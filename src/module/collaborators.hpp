@@ -1,8 +1,6 @@
 // The objects that the daemon around the module supplies, found when they are needed.
 #pragma once
 
-#include <exception>
-
 #include "module/module.hpp"
 #include "module/python.hpp"
 
@@ -27,20 +25,17 @@ Ref find(const ModuleState& module, const Collaborator& collaborator);
 // Whether the registry `tools` has a tool and, unless `action` is none, that action of it.
 bool registry_knows(const Names& names, const Ref& tools, PyObject* tool, PyObject* action);
 
-// Logs the error being handled as the argument of `message`, a warning; passes on what is not an
-// Exception.
-void log_history_error(const ModuleState& module, const char* message);
+// Logs an error as the argument of `message`, a warning; passes on what is not an Exception.
+void log_history_error(const ModuleState& module, const char* message, const Ref& error);
 
 // Runs `read`, which reads stored history. False, and the error logged, when that failed.
 template <class Read>
 bool read_history(const ModuleState& module, const char* message, Read&& read) {
-    try {
-        read();
-        return true;
-    } catch (const std::exception&) {
-        log_history_error(module, message);
-        return false;
+    const auto error = error_of(read);
+    if (error != nullptr) {
+        log_history_error(module, message, error);
     }
+    return error == nullptr;
 }
 
 }  // namespace health

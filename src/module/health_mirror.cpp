@@ -75,10 +75,13 @@ Ref read_rows(Tracker& tracker) {
     const auto stored = db.method(names[Name::fetchall], to_python(kSelect));
     auto known = owned(PyList_New(0));
     const auto removed = owned(PyList_New(0));
-    const auto tools = find(tracker.module, kTools);
+    Ref tools;
     Pacer pacer;
     stored.for_each([&](const Ref& row) {
         const auto tool = row.at(0);
+        if (tools == nullptr) {
+            tools = find(tracker.module, kTools);
+        }
         if (registry_knows(names, tools, tool, Py_None)) {
             checked(PyList_Append(known, row));
         } else {
@@ -117,17 +120,24 @@ Ref load_health(Tracker& tracker) {
                       [&] { rows = read_rows(tracker); })) {
         return none();
     }
-    ToolStates states;  // converting calls Python, so it comes before the lock is taken
-    Pacer pacer;
-    rows.for_each([&](const Ref& row) {
-        seed(states, row);
-        pacer.step();
+    // Converting calls Python, so it comes before the lock is taken. The rows before one that does
+    // not convert are installed all the same.
+    ToolStates states;
+    const auto error = error_of([&] {
+        Pacer pacer;
+        rows.for_each([&](const Ref& row) {
+            seed(states, row);
+            pacer.step();
+        });
     });
     tracker.health.run_aside([&](Health& health) {
         for (const auto& [tool, state] : states.entries()) {
             health.states.seed(tool, state);
         }
     });
+    if (error != nullptr) {
+        raise_again(error);
+    }
     return none();
 }
 

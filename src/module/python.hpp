@@ -13,6 +13,11 @@
 #include <thread>
 #include <utility>
 
+#if PY_VERSION_HEX < 0x030D0000  // from 3.13 on they have these names
+inline int Py_IsFinalizing() { return _Py_IsFinalizing(); }
+inline PyThreadState* PyThreadState_GetUnchecked() { return _PyThreadState_UncheckedGet(); }
+#endif
+
 namespace health {
 
 // Thrown where the interpreter's error indicator is set.
@@ -21,7 +26,13 @@ struct PythonError : std::exception {};
 // Whether this thread may touch references. While the interpreter shuts down it ends every other
 // thread that comes back to it, by unwinding it; such a thread runs destructors, but without the
 // interpreter lock.
-inline bool may_touch_references() { return Py_IsInitialized() != 0 || PyGILState_Check() != 0; }
+inline bool may_touch_references() {
+    if (Py_IsFinalizing() == 0) {
+        return true;
+    }
+    const auto* running = PyThreadState_GetUnchecked();
+    return running != nullptr && running->thread_id == PyThread_get_thread_ident();
+}
 
 class Ref;
 
@@ -137,9 +148,21 @@ inline Ref take_error() {
     return Ref(value);
 }
 
+// It goes out as it came in: setting it anew would replace its context by an error being handled.
 [[noreturn]] inline void raise_again(const Ref& error) {
-    PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(error.get())), error);
+    PyErr_Restore(Py_NewRef(reinterpret_cast<PyObject*>(Py_TYPE(error.get()))), Py_NewRef(error),
+                  PyException_GetTraceback(error));
     throw PythonError();
+}
+
+template <class... Values>
+[[noreturn]] void raise_from(const Ref& cause, PyObject* type, const char* format,
+                             Values... values) {
+    PyErr_Format(type, format, values...);
+    const auto error = take_error();
+    PyException_SetCause(error, Py_NewRef(cause));
+    PyException_SetContext(error, Py_NewRef(cause));
+    raise_again(error);
 }
 
 // Sets the interpreter's error from the C++ exception being handled.
@@ -155,6 +178,18 @@ inline void set_error_from_exception() {
     } catch (const std::exception& error) {
         PyErr_SetString(PyExc_RuntimeError, error.what());
     }
+}
+
+// Runs work. The error that ended it, taken over; null when it succeeded.
+template <class Work>
+Ref error_of(Work&& work) {
+    try {
+        work();
+        return {};
+    } catch (const std::exception&) {
+        set_error_from_exception();
+    }
+    return take_error();
 }
 
 // Runs a body that returns a Ref where the interpreter expects a new reference or an error.

@@ -125,22 +125,18 @@ Ref record_error(Tracker& tracker, PyObject* tool_name, PyObject* error) {
     const Text tool(text_argument(kRecordErrorSignature, Name::tool_name, tool_name));
     const auto kept = error_argument(error);
     const Text text(kept);
-    const auto count = [&](std::optional<double> disable_after) {
-        tracker.health.run([&](Health& health) {
-            health.states.record_error(tool, text.text, wall_clock(), disable_after);
-        });
-    };
-    double disable_after = 0.0;
-    try {
-        disable_after =
-            to_number(tracker.limits.attribute(tracker.module.names[Name::disable_after_errors]));
-    } catch (const PythonError&) {
-        // The call failed whatever the settings are.
-        const auto unreadable = take_error();
-        count(std::nullopt);
+    std::optional<double> disable_after;
+    const auto unreadable = error_of([&] {
+        disable_after = to_number(
+            settings(tracker).attribute(tracker.module.names[Name::disable_after_errors]));
+    });
+    // The call failed whatever the settings are.
+    tracker.health.run([&](Health& health) {
+        health.states.record_error(tool, text.text, wall_clock(), disable_after);
+    });
+    if (unreadable != nullptr) {
         raise_again(unreadable);
     }
-    count(disable_after);
     return none();
 }
 

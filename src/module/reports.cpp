@@ -1,5 +1,6 @@
 // The answers for the daemon's status tools.
 #include <initializer_list>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -52,6 +53,19 @@ void ask_for_slow_calls(std::vector<ToolSummary>& tools, const Ref& is_slow_call
     }
 }
 
+// The summary, with is_slow_call looked up before: importing it runs Python at length. Nothing
+// when it turns out to be needed and is null.
+std::optional<std::vector<ToolSummary>> gather(Tracker& tracker, const Ref& is_slow_call) {
+    return tracker.health.run_over_python([&](const Health& health) {
+        std::optional<std::vector<ToolSummary>> tools;
+        if (is_slow_call != nullptr || health.usage.entries().empty()) {
+            tools = aside([&] { return summarize(health.states, health.usage); });
+            ask_for_slow_calls(*tools, is_slow_call);
+        }
+        return tools;
+    });
+}
+
 Ref answer(const Names& names, const UsageRow& row) {
     return make_map(names, {{Name::action, to_python(row.key->action)},
                             {Name::outcome, to_python(row.key->outcome)},
@@ -79,24 +93,22 @@ Ref answer(const Names& names, const ToolSummary& tool, Pacer& pacer) {
 }
 
 Ref get_health_summary(Tracker& tracker) {
-    const auto is_slow_call = find(tracker.module, kIsSlowCall);
-    auto tools = tracker.health.run_over_python([&](const Health& health) {
-        auto summary = aside([&] { return summarize(health.states, health.usage); });
-        ask_for_slow_calls(summary, is_slow_call);
-        return summary;
-    });
+    auto tools = gather(tracker, {});
+    if (!tools) {
+        tools = gather(tracker, find(tracker.module, kIsSlowCall));
+    }
     aside([&] {
-        for (auto& tool : tools) {
+        for (auto& tool : *tools) {
             sort_usage(tool.usage);
         }
     });
     auto answers = owned(PyList_New(0));
     Pacer pacer;
-    for (const auto& tool : tools) {
+    for (const auto& tool : *tools) {
         checked(PyList_Append(answers, answer(tracker.module.names, tool, pacer)));
         pacer.step();
     }
-    free_aside(tools);
+    free_aside(*tools);
     return answers;
 }
 

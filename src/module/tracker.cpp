@@ -70,7 +70,7 @@ int tracker_init(PyObject* self, PyObject* args, PyObject* kwargs) {
         auto settings = limits != Py_None ? shared(limits) : find(tracker.module, kToolsConfig)();
         // After what calls Python: once set, neither is replaced while an operation may be using
         // it.
-        if (!tracker.limits.is_none()) {
+        if (tracker.limits != nullptr) {
             raise(PyExc_RuntimeError, "the tracker is initialized already");
         }
         tracker.limits = std::move(settings);
@@ -95,19 +95,21 @@ int tracker_traverse(PyObject* self, visitproc visit, void* arg) {
 
 int tracker_clear(PyObject* self) {
     Py_CLEAR(as_object(self)->attributes);
-    tracker_of(self).repository = none();
-    tracker_of(self).limits = none();
+    tracker_of(self).repository = Ref();
+    tracker_of(self).limits = Ref();
     return 0;
 }
 
 void tracker_dealloc(PyObject* self) {
     PyTypeObject* type = Py_TYPE(self);
     PyObject_GC_UnTrack(self);
+    Py_TRASHCAN_BEGIN(self, tracker_dealloc);  // a long chain of them does not end the stack
     PyObject_ClearWeakRefs(self);
     tracker_clear(self);
     delete as_object(self)->tracker;
     type->tp_free(self);
     Py_DECREF(type);
+    Py_TRASHCAN_END
 }
 
 // Operations that are not in a file of their own
@@ -130,16 +132,23 @@ Ref flush(Tracker& tracker) {
 }
 
 Ref cooldown_s(Tracker& tracker) {
-    return tracker.limits.attribute(tracker.module.names[Name::disable_cooldown_s]);
+    return settings(tracker).attribute(tracker.module.names[Name::disable_cooldown_s]);
 }
 
 Ref has_unsaved_changes(Tracker& tracker) {
     return to_python(tracker.health.run([](const Health& health) { return health.has_changes(); }));
 }
 
-Ref repository(Tracker& tracker) { return tracker.repository; }
+const Ref& member(const Ref& value, const char* name) {
+    if (value == nullptr) {
+        raise(PyExc_AttributeError, "'ToolHealthTracker' object has no attribute '%s'", name);
+    }
+    return value;
+}
 
-Ref limits(Tracker& tracker) { return tracker.limits; }
+Ref repository(Tracker& tracker) { return member(tracker.repository, "_repo"); }
+
+Ref limits(Tracker& tracker) { return settings(tracker); }
 
 // The tables of the class. The interpreter keeps them.
 
@@ -201,8 +210,10 @@ PyType_Spec& type_spec() {
 
 Tracker& tracker_of(PyObject* self) { return *as_object(self)->tracker; }
 
+const Ref& settings(const Tracker& tracker) { return member(tracker.limits, "_limits"); }
+
 Ref database(const Tracker& tracker) {
-    return tracker.repository.attribute(tracker.module.names[Name::db]);
+    return member(tracker.repository, "_repo").attribute(tracker.module.names[Name::db]);
 }
 
 Ref make_tracker_type(PyObject* module, PyObject* module_name) {

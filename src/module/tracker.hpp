@@ -20,8 +20,8 @@ struct Tracker {
     const ModuleState& module;
     Ref module_owner = shared(module.module);  // the class lets go of it when both are collected
     PyObject* self = nullptr;                  // the Python object that holds this
-    Ref repository = none();                   // until __init__ has run
-    Ref limits = none();                       // likewise
+    Ref repository;                            // null until __init__ has run
+    Ref limits;                                // likewise
     SharedHealth health;
     DisabledAnswer latest_answer;  // guarded by the interpreter lock
 };
@@ -35,6 +35,8 @@ inline Tracker& owner_of(PyObject* self) {
 
 inline const Names& names_of(const Tracker& tracker) { return tracker.module.names; }
 
+// What __init__ is given; an AttributeError before.
+const Ref& settings(const Tracker& tracker);
 Ref database(const Tracker& tracker);
 
 // Make the class, and a dict of the types _ToolState, _Usage and _UsageKey, for a module that is
