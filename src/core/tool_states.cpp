@@ -25,24 +25,28 @@ HealthRow health_row(const HashedText& tool, const ToolState& state) {
 }
 
 void ToolStates::record_success(const HashedText& tool, double now) {
-    auto& entry = find_or_insert(tool);
+    auto known = find_or_insert(tool);
+    auto& entry = known.value();
     increment(entry.call_count);
     entry.consecutive_errors = 0;
     entry.disabled_at.reset();
     entry.updated_at = now;
-    mark_changed(entry);
+    mark_changed(known);
 }
 
 void ToolStates::record_error(const HashedText& tool, std::string_view error, double now,
                               std::optional<double> disable_after) {
     // All that needs memory comes first. A tool tends to fail the same way again: the text is
     // copied only when it is another one.
-    auto* known = find(tool);
+    auto known = entries_.find(tool);
     LastError another;
-    if (known == nullptr || !is_text(known->last_error, error)) {
+    if (known == entries_.end() || !is_text(known.value().last_error, error)) {
         another = std::make_shared<const ErrorValue>(std::in_place_type<std::string>, error);
     }
-    auto& entry = known == nullptr ? insert(tool) : *known;
+    if (known == entries_.end()) {
+        known = insert(tool);
+    }
+    auto& entry = known.value();
     if (another) {
         entry.last_error = std::move(another);
     }
@@ -56,7 +60,7 @@ void ToolStates::record_error(const HashedText& tool, std::string_view error, do
     if (static_cast<double>(entry.consecutive_errors) >= *disable_after) {
         entry.disabled_at = entry.updated_at;
     }
-    mark_changed(entry);
+    mark_changed(known);
 }
 
 std::optional<ToolStates::Position> ToolStates::find_disabled(const HashedText& tool) const {
@@ -68,7 +72,8 @@ std::optional<ToolStates::Position> ToolStates::find_disabled(const HashedText& 
 }
 
 std::optional<LastError> ToolStates::check(Position position, double now, double cooldown_s) {
-    auto& entry = (entries_.begin() + position).value();
+    auto known = entries_.begin() + position;
+    auto& entry = known.value();
     if (!entry.disabled_at) {
         return std::nullopt;
     }
@@ -78,28 +83,28 @@ std::optional<LastError> ToolStates::check(Position position, double now, double
     entry.consecutive_errors = 0;
     entry.disabled_at.reset();
     entry.updated_at = now;
-    mark_changed(entry);
+    mark_changed(known);
     return std::nullopt;
 }
 
 void ToolStates::seed(const HashedText& tool, ToolState state) {
-    static_cast<ToolState&>(find_or_insert(tool)) = std::move(state);
+    static_cast<ToolState&>(find_or_insert(tool).value()) = std::move(state);
 }
 
 std::vector<HealthRow> ToolStates::take_changes() {
     std::vector<Map::iterator> taken;
-    std::vector<HealthRow> rows;
-    taken.reserve(changed_);
-    rows.reserve(changed_);
-    for (auto entry = entries_.begin(); entry != entries_.end(); ++entry) {
-        if (std::exchange(entry.value().changed, false)) {
-            taken.push_back(entry);
-        }
+    for (auto at = latest_change_; at != kNone; at = taken.back().value().earlier_change) {
+        taken.push_back(entries_.begin() + at);
     }
-    changed_ = 0;
+    std::vector<HealthRow> rows;
+    rows.reserve(taken.size());
     std::sort(taken.begin(), taken.end(), [](const auto& left, const auto& right) {
         return left.key().text < right.key().text;
     });
+    latest_change_ = kNone;
+    for (auto entry : taken) {
+        entry.value().changed = false;
+    }
     for (auto entry : taken) {
         rows.push_back(health_row(entry.key(), entry.value()));
     }
@@ -108,26 +113,23 @@ std::vector<HealthRow> ToolStates::take_changes() {
 
 void ToolStates::restore_changes(std::span<const HealthRow> rows) {
     for (const auto& row : rows) {
-        mark_changed(*find(row.tool));
+        mark_changed(entries_.find(row.tool));
     }
 }
 
-ToolStates::Entry* ToolStates::find(const HashedText& tool) {
-    auto entry = entries_.find(tool);
-    return entry == entries_.end() ? nullptr : &entry.value();
+ToolStates::Map::iterator ToolStates::find_or_insert(const HashedText& tool) {
+    const auto known = entries_.find(tool);
+    return known == entries_.end() ? insert(tool) : known;
 }
 
-ToolStates::Entry& ToolStates::find_or_insert(const HashedText& tool) {
-    auto* known = find(tool);
-    return known == nullptr ? insert(tool) : *known;
+ToolStates::Map::iterator ToolStates::insert(const HashedText& tool) {
+    return entries_.try_emplace(texts_.keep(tool)).first;
 }
 
-ToolStates::Entry& ToolStates::insert(const HashedText& tool) {
-    return entries_.try_emplace(texts_.keep(tool)).first.value();
-}
-
-void ToolStates::mark_changed(Entry& entry) {
-    changed_ += static_cast<std::size_t>(!std::exchange(entry.changed, true));
+void ToolStates::mark_changed(Map::iterator entry) {
+    if (!std::exchange(entry.value().changed, true)) {
+        entry.value().earlier_change = std::exchange(latest_change_, entry - entries_.begin());
+    }
 }
 
 }  // namespace health

@@ -70,6 +70,7 @@ public:
 
     // Where an entry stands, which is for ever.
     using Position = std::ptrdiff_t;
+    static constexpr Position kNone = -1;
 
     // The position of a tool that is disabled.
     std::optional<Position> find_disabled(const HashedText& tool) const;
@@ -81,7 +82,7 @@ public:
     // Installs a stored state, which counts as saved.
     void seed(const HashedText& tool, ToolState state);
 
-    bool has_changes() const { return changed_ > 0; }
+    bool has_changes() const { return latest_change_ != kNone; }
 
     // The changed tools' rows by name; none of them counts as changed afterwards. Throws
     // as format_timestamp does (and they do not count as changed then either).
@@ -90,8 +91,10 @@ public:
     // Marks the tools of rows that could not be written as changed again.
     void restore_changes(std::span<const HealthRow> rows);
 
+    // The changed entries are linked, the latest first: neither marking nor taking looks at others.
     struct Entry : ToolState {
         bool changed = false;
+        Position earlier_change = kNone;
     };
     using Item = std::pair<HashedText, Entry>;
     using Map = tsl::ordered_map<HashedText, Entry, TextHash, std::equal_to<>, std::allocator<Item>,
@@ -100,14 +103,13 @@ public:
     const Map& entries() const { return entries_; }
 
 private:
-    Entry* find(const HashedText& tool);  // null when there is none
-    Entry& find_or_insert(const HashedText& tool);
-    Entry& insert(const HashedText& tool);
-    void mark_changed(Entry& entry);
+    Map::iterator find_or_insert(const HashedText& tool);
+    Map::iterator insert(const HashedText& tool);
+    void mark_changed(Map::iterator entry);
 
     TextStore texts_;  // of the map's keys
     Map entries_;
-    std::size_t changed_ = 0;  // how many entries are
+    Position latest_change_ = kNone;
 };
 
 }  // namespace health
