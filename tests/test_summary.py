@@ -98,10 +98,28 @@ for _ in range(8):
     threading.Thread(target=work, daemon=True).start()
 threading.Event().wait(0.2)
 """
+# The row goes with the IndexError that it causes, and lets go of the interpreter lock meanwhile.
+ENDING_AMID_AN_ERROR = """
+import sys, threading, time, types
+from quillet.tool_handlers import health
+class Row(list):
+    def __del__(self):
+        time.sleep(0.2)
+class Repository:
+    class db:
+        fetchall = lambda sql: (Row() for _ in range(1))
+class Late:
+    def __del__(self, sleep=time.sleep):
+        sleep(0.4)
+sys.modules["late"] = types.SimpleNamespace(late=Late())
+threading.Thread(target=health.ToolHealthTracker, args=(Repository, 1), daemon=True).start()
+time.sleep(0.05)
+"""
 
 
-def test_the_interpreter_ends_amid_calls():
+@pytest.mark.parametrize("program", [ENDING, ENDING_AMID_AN_ERROR])
+def test_the_interpreter_ends_amid_calls(program):
     """It unwinds the threads that it ends, and they do not hold its lock then."""
     for _ in range(4):
-        run = subprocess.run([sys.executable, "-c", ENDING], capture_output=True, text=True)
+        run = subprocess.run([sys.executable, "-c", program], capture_output=True, text=True)
         assert (run.returncode, run.stderr) == (0, "")

@@ -51,10 +51,11 @@ public:
     template <class Work>
     [[gnu::noinline]] auto run_aside(Work&& work) {
         announce();
-        GilRelease gil;
-        const AtExit lower{[&] { announced_.fetch_sub(1, std::memory_order_release); }};
-        const auto lock = wait(gil);
-        return work(health_);
+        return without_gil([&](GilRelease& gil) {
+            const AtExit lower{[&] { announced_.fetch_sub(1, std::memory_order_release); }};
+            const auto lock = wait(gil);
+            return work(health_);
+        });
     }
 
     // Runs work that calls Python. A call from there into this memory gets a RuntimeError, as
@@ -63,11 +64,7 @@ public:
     auto run_over_python(Work&& work) {
         announce();
         const AtExit lower{[&] { announced_.fetch_sub(1, std::memory_order_release); }};
-        std::unique_lock<Mutex> lock;
-        {
-            GilRelease gil;
-            lock = wait(gil);
-        }
+        const auto lock = without_gil([&](GilRelease& gil) { return wait(gil); });
         holder_ = std::this_thread::get_id();
         const AtExit let_go{[&] { holder_ = std::thread::id(); }};
         return work(health_);

@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #if PY_VERSION_HEX < 0x030D0000  // from 3.13 on they have these names
 inline int Py_IsFinalizing() { return _Py_IsFinalizing(); }
@@ -34,6 +35,32 @@ inline bool may_touch_references() {
     return running != nullptr && running->thread_id == PyThread_get_thread_ident();
 }
 
+// References that went while a C++ exception was in flight. What an object runs as it goes may be
+// where the interpreter ends the thread, and unwinding it anew would then end the process.
+inline thread_local std::vector<PyObject*> parked;
+
+// Lets go of an object's last reference, or parks it until its thread's exception is caught.
+[[gnu::noinline]] inline void let_go(PyObject* object) {
+    if (std::uncaught_exceptions() == 0) {
+        Py_DECREF(object);
+        return;
+    }
+    try {
+        parked.push_back(object);
+    } catch (const std::bad_alloc&) {
+        // It stays for ever.
+    }
+}
+
+// Where nothing is in flight.
+inline void let_go_of_parked() {
+    while (!parked.empty()) {
+        PyObject* object = parked.back();
+        parked.pop_back();
+        Py_DECREF(object);
+    }
+}
+
 class Ref;
 
 // A new reference that a C API call returned, or its error.
@@ -54,8 +81,13 @@ public:
     }
     // What the object runs as it goes may be where the interpreter ends this thread.
     ~Ref() noexcept(false) {
-        if (object_ != nullptr && may_touch_references()) {
+        if (object_ == nullptr || !may_touch_references()) {
+            return;
+        }
+        if (Py_REFCNT(object_) > 1) {
             Py_DECREF(object_);
+        } else {
+            let_go(object_);
         }
     }
 
@@ -189,7 +221,9 @@ Ref error_of(Work&& work) {
     } catch (const std::exception&) {
         set_error_from_exception();
     }
-    return take_error();
+    auto error = take_error();
+    let_go_of_parked();
+    return error;
 }
 
 // Runs a body that returns a Ref where the interpreter expects a new reference or an error.
@@ -201,19 +235,27 @@ PyObject* guarded(Body&& body) {
         return body().release();
     } catch (const std::exception&) {
         set_error_from_exception();
-        return nullptr;
     }
+    let_go_of_parked();
+    return nullptr;
 }
 
 // The interpreter lock
 
-// Releases it for a scope.
+// Releases it for a scope that no exception leaves before it is taken back.
 class GilRelease {
 public:
     GilRelease() = default;
     ~GilRelease() noexcept(false) { take_back(); }
     GilRelease(const GilRelease&) = delete;
     GilRelease& operator=(const GilRelease&) = delete;
+
+    // The interpreter may end this thread here, by unwinding it.
+    void take_back() {
+        if (auto* thread = std::exchange(thread_, nullptr)) {
+            PyEval_RestoreThread(thread);
+        }
+    }
 
     // Runs the handlers of the signals that have arrived, and throws what one of them raises.
     void serve_signals() {
@@ -223,21 +265,25 @@ public:
     }
 
 private:
-    // The interpreter may end this thread here, by unwinding it.
-    void take_back() {
-        if (auto* thread = std::exchange(thread_, nullptr)) {
-            PyEval_RestoreThread(thread);
-        }
-    }
-
     PyThreadState* thread_ = PyEval_SaveThread();
 };
+
+// Runs work without it. The lock is back before an exception goes on: see let_go.
+template <class Work>
+auto without_gil(Work&& work) {
+    GilRelease gil;
+    try {
+        return work(gil);
+    } catch (const std::exception&) {
+        gil.take_back();
+        throw;
+    }
+}
 
 // Runs work that needs nothing of Python while others may run.
 template <class Work>
 auto aside(Work&& work) {
-    const GilRelease others;
-    return work();
+    return without_gil([&](GilRelease& /*gil*/) { return work(); });
 }
 
 // Frees plain memory, which may be much, while others may run.
@@ -252,8 +298,7 @@ class Pacer {
 public:
     void step() {
         if (++steps_ % 1024 == 0) {
-            const GilRelease others;
-            std::this_thread::sleep_for(std::chrono::microseconds(1));
+            aside([] { std::this_thread::sleep_for(std::chrono::microseconds(1)); });
         }
     }
 
