@@ -67,7 +67,9 @@ auto bind(const Names& names, PyObject* const* given, std::size_t positional, Py
     PyObject* odd = nullptr;  // a name of no parameter, or of one given by position
     for (std::size_t i = positional; i < positional + named; ++i) {
         PyObject* keyword = PyTuple_GET_ITEM(keywords, i - positional);
-        const auto place = place_of(kSignature, names, keyword);
+        // Most calls name them in their order.
+        const auto place =
+            keyword == names[kSignature.parameters[i]] ? i : place_of(kSignature, names, keyword);
         if (place == kSize || bound[place] != nullptr) {
             odd = keyword;
         } else {

@@ -1,4 +1,5 @@
 // The tool_health table.
+#include <list>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -160,17 +161,14 @@ void write_rows(Tracker& tracker, const std::vector<HealthRow>& rows) {
 }
 
 Ref flush_health(Tracker& tracker) {
-    auto rows =
-        tracker.health.run_aside([](Health& health) { return health.states.take_changes(); });
-    if (!rows.empty()) {
-        write_or_mark([&] { write_rows(tracker, rows); },
-                      [&] {
-                          tracker.health.run_aside(
-                              [&](Health& health) { health.states.restore_changes(rows); });
-                      });
-    }
+    std::list<Taken> taken(1);  // the memory that marking again would need
+    auto& rows = taken.front().rows;
+    rows = tracker.health.run_aside([](Health& health) { return health.states.take_changes(); });
     const auto count = static_cast<Count>(rows.size());
-    free_aside(rows);
+    if (count > 0) {
+        write_or_mark(tracker.health, taken, [&] { write_rows(tracker, rows); });
+    }
+    free_aside(taken);
     return to_python(count);
 }
 

@@ -11,8 +11,10 @@
 
 #include <atomic>
 #include <chrono>
+#include <list>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 #include "core/tool_states.hpp"
 #include "core/usage.hpp"
@@ -26,6 +28,12 @@ struct Health {
     UsageCounts usage;
 
     bool has_changes() const { return states.has_changes() || usage.has_changes(); }
+};
+
+// What a write takes: these tools' changes, or the counts'.
+struct Taken {
+    std::vector<HealthRow> rows;
+    bool usage = false;
 };
 
 // Does something at the end of a scope.
@@ -70,8 +78,21 @@ public:
         return work(health_);
     }
 
+    // Marks what a write took as changed again. Waits for nobody: whoever works on the memory next
+    // does it first.
+    void mark_again(std::list<Taken>& unwritten) {
+        announced_.fetch_add(static_cast<int>(unwritten.size()), std::memory_order_relaxed);
+        const std::lock_guard lock(unwritten_mutex_);
+        unwritten_.splice(unwritten_.end(), unwritten);
+    }
+
 private:
     using Mutex = std::timed_mutex;
+#ifdef __SANITIZE_THREAD__  // which does not see waits by the steady clock
+    using Clock = std::chrono::system_clock;
+#else
+    using Clock = std::chrono::steady_clock;
+#endif
 
     // Before the interpreter lock is let go of.
     void announce() {
@@ -83,18 +104,32 @@ private:
         announced_.fetch_add(1, std::memory_order_relaxed);
     }
 
-    // Waits as for a lock of Python's: signals are served meanwhile. By the system's clock, as the
-    // thread sanitizer does not see waits by the steady one; that it may be set does no harm here.
+    // Waits as for a lock of Python's: signals are served meanwhile.
     std::unique_lock<Mutex> wait(GilRelease& gil) {
-        using std::chrono::system_clock;
         std::unique_lock lock(mutex_, std::defer_lock);
-        while (!lock.try_lock_until(system_clock::now() + std::chrono::milliseconds(100))) {
+        while (!lock.try_lock_until(Clock::now() + std::chrono::milliseconds(100))) {
             gil.serve_signals();
         }
+        mark_unwritten();
         return lock;
     }
 
+    void mark_unwritten() {
+        std::list<Taken> unwritten;
+        {
+            const std::lock_guard lock(unwritten_mutex_);
+            unwritten.swap(unwritten_);
+        }
+        for (const auto& taken : unwritten) {
+            health_.states.restore_changes(taken.rows);
+            health_.usage.mark_changed(taken.usage || health_.usage.has_changes());
+        }
+        announced_.fetch_sub(static_cast<int>(unwritten.size()), std::memory_order_release);
+    }
+
     Health health_;
+    std::list<Taken> unwritten_;  // announced, one each
+    std::mutex unwritten_mutex_;  // of the list; nobody waits for anything while holding it
     std::atomic<int> announced_ = 0;
     Mutex mutex_;
     std::atomic<std::thread::id> holder_{};

@@ -1,5 +1,6 @@
 // The usage document.
 #include <cstring>
+#include <list>
 #include <optional>
 #include <span>
 #include <string>
@@ -172,14 +173,14 @@ void write_document(Tracker& tracker, std::span<const UsageEntry> entries) {
 }
 
 Ref flush_usage(Tracker& tracker) {
+    std::list<Taken> taken(1);  // the memory that marking again would need
+    taken.front().usage = true;
     auto entries =
         tracker.health.run_aside([](Health& health) { return health.usage.take_changes(); });
     if (!entries) {
         return to_python(Count{0});
     }
-    write_or_mark(
-        [&] { write_document(tracker, *entries); },
-        [&] { tracker.health.run([](Health& health) { health.usage.mark_changed(true); }); });
+    write_or_mark(tracker.health, taken, [&] { write_document(tracker, *entries); });
     const auto count = static_cast<Count>(entries->size());
     free_aside(*entries);
     return to_python(count);
