@@ -49,16 +49,15 @@ auto bind(const Names& names, PyObject* const* given, std::size_t positional, Py
     constexpr auto kSize = kSignature.parameters.size();
     const auto named =
         keywords == nullptr ? 0 : static_cast<std::size_t>(PyTuple_GET_SIZE(keywords));
-    const auto plural = [](std::size_t count) { return count == 1 ? "" : "s"; };
-    if (positional + named > kSize) {
-        raise(PyExc_TypeError, "%s() takes at most %zu %sargument%s (%zu given)",
-              kSignature.function, kSize, positional == 0 ? "keyword " : "", plural(kSize),
-              positional + named);
-    }
-    if (positional > kSignature.positional) {
-        raise(PyExc_TypeError, "%s() takes exactly %zu positional argument%s (%zu given)",
-              kSignature.function, kSignature.positional, plural(kSignature.positional),
-              positional);
+    const bool too_many = positional + named > kSize;
+    if (too_many || positional > kSignature.positional) {
+        const auto most = too_many ? kSize : kSignature.positional;
+        raise(PyExc_TypeError, "%s() takes %s %zu %sargument%s (%zu given)", kSignature.function,
+              too_many ? "at most" : "exactly", most,
+              !too_many         ? "positional "
+              : positional == 0 ? "keyword "
+                                : "",
+              most == 1 ? "" : "s", too_many ? positional + named : positional);
     }
     std::array<PyObject*, kSize> bound{};
     for (std::size_t i = 0; i < kSize; ++i) {

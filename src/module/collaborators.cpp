@@ -25,7 +25,7 @@ Ref import_from_home(const ModuleState& module, const Collaborator& collaborator
 
 constexpr Signature<1> kAttributeSignature{"__getattr__", {Name::name}};
 
-constexpr const char* kNoAttribute = "module '%s' has no attribute '%S'";
+constexpr const char* kNoAttribute = "module '%U' has no attribute '%S'";
 
 // What is not found is an AttributeError, as one who asks for an attribute expects.
 Ref module_attribute(const ModuleState& module, PyObject* name) {
@@ -42,10 +42,9 @@ Ref module_attribute(const ModuleState& module, PyObject* name) {
         if (PyErr_GivenExceptionMatches(error, PyExc_ImportError) == 0) {
             raise_again(error);
         }
-        raise_from(error, PyExc_AttributeError, kNoAttribute, PyModule_GetName(module.module),
-                   name);
+        raise_from(error, PyExc_AttributeError, kNoAttribute, module.name.get(), name);
     }
-    raise(PyExc_AttributeError, kNoAttribute, PyModule_GetName(module.module), name);
+    raise(PyExc_AttributeError, kNoAttribute, module.name.get(), name);
 }
 
 }  // namespace
@@ -68,12 +67,16 @@ bool registry_knows(const Names& names, const Ref& tools, PyObject* tool, PyObje
     return !spec.method(names[Name::action], action).is_none();
 }
 
-void log_history_error(const ModuleState& module, const char* message, const Ref& error) {
+bool was_read(const ModuleState& module, const char* message, const Ref& error) {
+    if (error == nullptr) {
+        return true;
+    }
     if (PyErr_GivenExceptionMatches(error, PyExc_Exception) == 0) {
         raise_again(error);
     }
     const auto logger = shared(module.module).attribute(module.names[Name::logger]);
     logger.method(module.names[Name::warning], to_python(std::string_view(message)), error);
+    return false;
 }
 
 }  // namespace health

@@ -25,17 +25,8 @@ Ref find(const ModuleState& module, const Collaborator& collaborator);
 // Whether the registry `tools` has a tool and, unless `action` is none, that action of it.
 bool registry_knows(const Names& names, const Ref& tools, PyObject* tool, PyObject* action);
 
-// Logs an error as the argument of `message`, a warning; passes on what is not an Exception.
-void log_history_error(const ModuleState& module, const char* message, const Ref& error);
-
-// Runs `read`, which reads stored history. False, and the error logged, when that failed.
-template <class Read>
-bool read_history(const ModuleState& module, const char* message, Read&& read) {
-    const auto error = error_of(read);
-    if (error != nullptr) {
-        log_history_error(module, message, error);
-    }
-    return error == nullptr;
-}
+// Whether stored history could be read. The error that ended it, null for none, is logged as the
+// argument of `message`, a warning; what is not an Exception is passed on.
+bool was_read(const ModuleState& module, const char* message, const Ref& error);
 
 }  // namespace health

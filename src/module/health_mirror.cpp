@@ -117,8 +117,8 @@ void seed(ToolStates& states, const Ref& row) {
 
 Ref load_health(Tracker& tracker) {
     Ref rows;
-    if (!read_history(tracker.module, "Could not read the tool health history: %s",
-                      [&] { rows = read_rows(tracker); })) {
+    if (!was_read(tracker.module, "Could not read the tool health history: %s",
+                  error_of([&] { rows = read_rows(tracker); }))) {
         return none();
     }
     // Converting calls Python, so it comes before the lock is taken. The rows before one that does
@@ -136,9 +136,7 @@ Ref load_health(Tracker& tracker) {
             health.states.seed(tool, state);
         }
     });
-    if (error != nullptr) {
-        raise_again(error);
-    }
+    raise_if(error);
     return none();
 }
 

@@ -58,6 +58,7 @@ int load(PyObject* module) {
         const auto name = owned(PyModule_GetNameObject(module));
         state_pointer(module) = std::make_unique<ModuleState>(ModuleState{
             .module = module,
+            .name = name,
             .package = package_of(std::string(Text(name).text)),
             .names = {},
             .records = make_records(name),

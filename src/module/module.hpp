@@ -47,6 +47,7 @@ private:
 
 struct ModuleState {
     PyObject* module;     // owns this state
+    Ref name;             // as it was loaded, whatever becomes of the attribute
     std::string package;  // what the names of the daemon's modules start with
     Names names;
     Ref records;  // a dict with _ToolState and _Usage

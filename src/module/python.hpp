@@ -187,6 +187,12 @@ inline Ref take_error() {
     throw PythonError();
 }
 
+inline void raise_if(const Ref& error) {
+    if (error != nullptr) {
+        raise_again(error);
+    }
+}
+
 template <class... Values>
 [[noreturn]] void raise_from(const Ref& cause, PyObject* type, const char* format,
                              Values... values) {

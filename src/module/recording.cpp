@@ -2,6 +2,7 @@
 // known allocates nothing but its answer and an error's text that is new.
 #include <cstdint>
 #include <ctime>
+#include <limits>
 #include <optional>
 
 #include "module/operations.hpp"
@@ -19,9 +20,10 @@ double wall_clock() {
     constexpr std::int64_t kNanoseconds = 1'000'000'000;
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
-    return now.tv_nsec == 0
-               ? static_cast<double>(now.tv_sec)
-               : static_cast<double>(now.tv_sec * kNanoseconds + now.tv_nsec) / kNanoseconds;
+    if (now.tv_nsec == 0 || now.tv_sec >= std::numeric_limits<std::int64_t>::max() / kNanoseconds) {
+        return static_cast<double>(now.tv_sec);  // from 2262 on, whole seconds
+    }
+    return static_cast<double>(now.tv_sec * kNanoseconds + now.tv_nsec) / kNanoseconds;
 }
 
 template <std::size_t Size>
@@ -116,7 +118,7 @@ Ref error_argument(PyObject* argument) {
     if (!PyUnicode_Check(argument)) {
         raise_wrong_type(kRecordErrorSignature, Name::error, "str or None", argument);
     }
-    return PyUnicode_GET_LENGTH(argument) > kLastErrorLength
+    return checked(PyUnicode_GetLength(argument)) > kLastErrorLength
                ? owned(PyUnicode_Substring(argument, 0, kLastErrorLength))
                : shared(argument);
 }
@@ -134,9 +136,7 @@ Ref record_error(Tracker& tracker, PyObject* tool_name, PyObject* error) {
     tracker.health.run([&](Health& health) {
         health.states.record_error(tool, text.text, wall_clock(), disable_after);
     });
-    if (unreadable != nullptr) {
-        raise_again(unreadable);
-    }
+    raise_if(unreadable);
     return none();
 }
 

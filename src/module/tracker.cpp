@@ -4,6 +4,7 @@
 #include <array>
 #include <cstddef>
 #include <memory>
+#include <utility>
 
 #include "module/collaborators.hpp"
 #include "module/operations.hpp"
@@ -68,16 +69,21 @@ int tracker_init(PyObject* self, PyObject* args, PyObject* kwargs) {
             throw PythonError();
         }
         auto settings = limits != Py_None ? shared(limits) : find(tracker.module, kToolsConfig)();
-        // After what calls Python: once set, neither is replaced while an operation may be using
-        // it.
-        if (tracker.limits != nullptr) {
+        if (std::exchange(tracker.initialized, true)) {
             raise(PyExc_RuntimeError, "the tracker is initialized already");
         }
-        tracker.limits = std::move(settings);
-        tracker.repository = shared(repository);
         const auto& names = tracker.module.names;
-        shared(self).method(names[Name::_load]);
-        shared(self).method(names[Name::_load_usage]);
+        const auto error = error_of([&] {
+            if (tracker.limits != nullptr) {
+                tracker.earlier = make_tuple(tracker.limits, tracker.repository, tracker.earlier);
+            }
+            tracker.limits = std::move(settings);
+            tracker.repository = shared(repository);
+            shared(self).method(names[Name::_load]);
+            shared(self).method(names[Name::_load_usage]);
+        });
+        tracker.initialized = error == nullptr;
+        raise_if(error);
         return none();
     }));
     return done != nullptr ? 0 : -1;
@@ -87,7 +93,8 @@ int tracker_traverse(PyObject* self, visitproc visit, void* arg) {
     const auto& tracker = tracker_of(self);
     for (PyObject* referent :
          {reinterpret_cast<PyObject*>(Py_TYPE(self)), as_object(self)->attributes,
-          tracker.module_owner.get(), tracker.repository.get(), tracker.limits.get()}) {
+          tracker.module_owner.get(), tracker.repository.get(), tracker.limits.get(),
+          tracker.earlier.get()}) {
         Py_VISIT(referent);
     }
     return 0;
@@ -97,6 +104,7 @@ int tracker_clear(PyObject* self) {
     Py_CLEAR(as_object(self)->attributes);
     tracker_of(self).repository = Ref();
     tracker_of(self).limits = Ref();
+    tracker_of(self).earlier = Ref();
     return 0;
 }
 

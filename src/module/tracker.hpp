@@ -20,8 +20,10 @@ struct Tracker {
     const ModuleState& module;
     Ref module_owner = shared(module.module);  // the class lets go of it when both are collected
     PyObject* self = nullptr;                  // the Python object that holds this
+    bool initialized = false;                  // or being so
     Ref repository;                            // null until __init__ has run
     Ref limits;                                // likewise
+    Ref earlier = none();  // what an __init__ that failed was given: operations may be using it
     SharedHealth health;
     DisabledAnswer latest_answer;  // guarded by the interpreter lock
 };

@@ -135,8 +135,8 @@ std::vector<UsageEntry> known_entries(const ModuleState& module, const UsageCoun
 
 Ref load_usage(Tracker& tracker) {
     StoredUsage stored;
-    if (!read_history(tracker.module, "Could not read the tool usage counts: %s",
-                      [&] { stored = read_usage(tracker); })) {
+    if (!was_read(tracker.module, "Could not read the tool usage counts: %s",
+                  error_of([&] { stored = read_usage(tracker); }))) {
         return none();
     }
     const auto known = known_entries(tracker.module, stored.counts);

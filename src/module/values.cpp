@@ -79,11 +79,13 @@ Ref to_python(double number) { return owned(PyFloat_FromDouble(number)); }
 Ref to_python(Count count) { return owned(PyLong_FromLongLong(count)); }
 
 Count to_count(PyObject* integer) {
-    const Count count = PyLong_AsLongLong(integer);
+    using Limits = std::numeric_limits<Count>;
+    int beyond = 0;
+    const Count count = PyLong_AsLongLongAndOverflow(integer, &beyond);
     if (count == -1 && PyErr_Occurred() != nullptr) {
         throw PythonError();
     }
-    return count;
+    return beyond == 0 ? count : beyond > 0 ? Limits::max() : Limits::min();
 }
 
 double to_double(PyObject* number) {
@@ -98,17 +100,20 @@ double to_double(PyObject* number) {
 }
 
 double to_number(PyObject* number) {
-    try {
-        return to_double(number);
-    } catch (const PythonError&) {
-        if (!PyLong_Check(number) || !PyErr_ExceptionMatches(PyExc_OverflowError)) {
-            throw;
-        }
-        PyErr_Clear();
-        int sign = 0;
-        PyLong_AsLongLongAndOverflow(number, &sign);
-        return sign * std::numeric_limits<double>::infinity();
+    if (PyFloat_CheckExact(number)) {
+        return PyFloat_AS_DOUBLE(number);
     }
+    const double value = PyFloat_AsDouble(number);
+    if (value != -1.0 || PyErr_Occurred() == nullptr) {
+        return value;
+    }
+    if (!PyLong_Check(number) || PyErr_ExceptionMatches(PyExc_OverflowError) == 0) {
+        throw PythonError();
+    }
+    PyErr_Clear();
+    int sign = 0;
+    PyLong_AsLongLongAndOverflow(number, &sign);
+    return sign * std::numeric_limits<double>::infinity();
 }
 
 LastError to_last_error(PyObject* value) {

@@ -31,7 +31,11 @@ private:
     // Python's hash of a text, whatever its class makes of hashing. It is computed once.
     static std::size_t hash_of(PyObject* object) {
         const auto known = reinterpret_cast<PyASCIIObject*>(object)->hash;
-        return static_cast<std::size_t>(known != -1 ? known : PyUnicode_Type.tp_hash(object));
+        const auto hash = known != -1 ? known : PyUnicode_Type.tp_hash(object);
+        if (hash == -1) {  // a text of the old C API that cannot be made ready
+            throw PythonError();
+        }
+        return static_cast<std::size_t>(hash);
     }
 
     void encode(PyObject* object);
@@ -78,7 +82,7 @@ Ref to_python(const std::optional<Value>& value) {
     return value ? to_python(*value) : none();
 }
 
-// A Python integer as a count; OverflowError when it does not fit.
+// A Python integer as a count, at the type's limit when it is beyond.
 Count to_count(PyObject* integer);
 
 // A Python number as a double. OverflowError for an integer beyond every double, and TypeError for
