@@ -42,54 +42,85 @@ std::size_t place_of(const Signature<Size>& signature, const Names& names, PyObj
                : place([&](PyObject* name) { return PyUnicode_Compare(name, keyword) == 0; });
 }
 
-// The argument of each parameter, null for one that was left out and has a default, of a call as
-// the vectorcall protocol hands it over. The references are the call's.
-template <const auto& kSignature>
-auto bind(const Names& names, PyObject* const* given, std::size_t positional, PyObject* keywords) {
-    constexpr auto kSize = kSignature.parameters.size();
-    const auto named =
-        keywords == nullptr ? 0 : static_cast<std::size_t>(PyTuple_GET_SIZE(keywords));
-    const bool too_many = positional + named > kSize;
-    if (too_many || positional > kSignature.positional) {
-        const auto most = too_many ? kSize : kSignature.positional;
-        raise(PyExc_TypeError, "%s() takes %s %zu %sargument%s (%zu given)", kSignature.function,
-              too_many ? "at most" : "exactly", most,
-              !too_many         ? "positional "
-              : positional == 0 ? "keyword "
-                                : "",
-              most == 1 ? "" : "s", too_many ? positional + named : positional);
+// Raises the TypeError of too many arguments.
+template <std::size_t Size>
+void check_number(const Signature<Size>& signature, std::size_t positional, std::size_t named) {
+    const char* function = signature.function;
+    const auto most = signature.positional;
+    if (positional + named > Size) {
+        raise(PyExc_TypeError, "%s() takes at most %zu %sargument%s (%zu given)", function, Size,
+              positional == 0 ? "keyword " : "", Size == 1 ? "" : "s", positional + named);
     }
+    if (positional > most) {
+        raise(PyExc_TypeError, "%s() takes exactly %zu positional argument%s (%zu given)", function,
+              most, most == 1 ? "" : "s", positional);
+    }
+}
+
+// Raises the TypeError of an argument that is missing, or has an odd name: of no parameter, or of
+// one given by position.
+template <std::size_t Size>
+void check_bound(const Signature<Size>& signature, const Names& names,
+                 const std::array<PyObject*, Size>& bound, PyObject* odd) {
+    const char* function = signature.function;
+    for (std::size_t i = 0; i < Size; ++i) {
+        if (bound[i] == nullptr && signature.needs(i)) {
+            raise(PyExc_TypeError, "%s() missing required argument '%s' (pos %zu)", function,
+                  text(signature.parameters[i]), i + 1);
+        }
+    }
+    const auto place = odd == nullptr ? 0 : place_of(signature, names, odd);
+    if (place == Size) {
+        raise(PyExc_TypeError, "'%U' is an invalid keyword argument for %s()", odd, function);
+    }
+    if (odd != nullptr) {
+        raise(PyExc_TypeError, "argument for %s() given by name ('%U') and position (%zu)",
+              function, odd, place + 1);
+    }
+}
+
+// The same as bind, for any call.
+template <const auto& kSignature>
+[[gnu::noinline]] auto bind_otherwise(const Names& names, PyObject* const* given,
+                                      std::size_t positional, std::size_t named,
+                                      PyObject* keywords) {
+    constexpr auto kSize = kSignature.parameters.size();
+    check_number(kSignature, positional, named);
     std::array<PyObject*, kSize> bound{};
     for (std::size_t i = 0; i < kSize; ++i) {
         bound[i] = i < positional ? given[i] : nullptr;
     }
-    PyObject* odd = nullptr;  // a name of no parameter, or of one given by position
+    PyObject* odd = nullptr;
     for (std::size_t i = positional; i < positional + named; ++i) {
         PyObject* keyword = PyTuple_GET_ITEM(keywords, i - positional);
-        // Most calls name them in their order.
-        const auto place =
-            keyword == names[kSignature.parameters[i]] ? i : place_of(kSignature, names, keyword);
+        const auto place = place_of(kSignature, names, keyword);
         if (place == kSize || bound[place] != nullptr) {
             odd = keyword;
         } else {
             bound[place] = given[i];
         }
     }
-    for (std::size_t i = 0; i < kSize; ++i) {
-        if (bound[i] == nullptr && kSignature.needs(i)) {
-            raise(PyExc_TypeError, "%s() missing required argument '%s' (pos %zu)",
-                  kSignature.function, text(kSignature.parameters[i]), i + 1);
-        }
+    check_bound(kSignature, names, bound, odd);
+    return bound;
+}
+
+// The argument of each parameter, null for one that was left out and has a default, of a call as
+// the vectorcall protocol hands it over. The references are the call's. Nearly all calls give every
+// argument where its parameter stands.
+template <const auto& kSignature>
+auto bind(const Names& names, PyObject* const* given, std::size_t positional, PyObject* keywords) {
+    constexpr auto kSize = kSignature.parameters.size();
+    const auto named =
+        keywords == nullptr ? 0 : static_cast<std::size_t>(PyTuple_GET_SIZE(keywords));
+    bool in_order = positional <= kSignature.positional && positional + named == kSize;
+    for (std::size_t i = positional; in_order && i < kSize; ++i) {
+        in_order = PyTuple_GET_ITEM(keywords, i - positional) == names[kSignature.parameters[i]];
     }
-    if (odd != nullptr) {
-        const auto place = place_of(kSignature, names, odd);
-        if (place == kSize) {
-            raise(PyExc_TypeError, "'%U' is an invalid keyword argument for %s()", odd,
-                  kSignature.function);
-        }
-        raise(PyExc_TypeError, "argument for %s() given by name ('%U') and position (%zu)",
-              kSignature.function, odd, place + 1);
+    if (!in_order) {
+        return bind_otherwise<kSignature>(names, given, positional, named, keywords);
     }
+    std::array<PyObject*, kSize> bound{};
+    std::copy_n(given, kSize, bound.begin());
     return bound;
 }
 
