@@ -44,7 +44,7 @@ void ToolStates::record_error(const HashedText& tool, std::string_view error, do
         another = std::make_shared<const ErrorValue>(std::in_place_type<std::string>, error);
     }
     if (known == entries_.end()) {
-        known = insert(tool);
+        known = find_or_insert(tool);
     }
     auto& entry = known.value();
     if (another) {
@@ -71,7 +71,7 @@ std::optional<ToolStates::Position> ToolStates::find_disabled(const HashedText& 
     return entry - entries_.begin();
 }
 
-std::optional<LastError> ToolStates::check(Position position, double now, double cooldown_s) {
+std::optional<LastError> ToolStates::try_again(Position position, double now, double cooldown_s) {
     auto known = entries_.begin() + position;
     auto& entry = known.value();
     if (!entry.disabled_at) {
@@ -91,22 +91,27 @@ void ToolStates::seed(const HashedText& tool, ToolState state) {
     static_cast<ToolState&>(find_or_insert(tool).value()) = std::move(state);
 }
 
+std::vector<HashedText> ToolStates::changed() const {
+    std::vector<HashedText> tools;
+    for (auto at = latest_change_; at != kNone;
+         at = (entries_.begin() + at)->second.earlier_change) {
+        tools.push_back((entries_.begin() + at)->first);
+    }
+    std::sort(tools.begin(), tools.end(),
+              [](const auto& left, const auto& right) { return left.text < right.text; });
+    return tools;
+}
+
 std::vector<HealthRow> ToolStates::take_changes() {
-    std::vector<Map::iterator> taken;
-    for (auto at = latest_change_; at != kNone; at = taken.back().value().earlier_change) {
-        taken.push_back(entries_.begin() + at);
-    }
+    const auto tools = changed();
     std::vector<HealthRow> rows;
-    rows.reserve(taken.size());
-    std::sort(taken.begin(), taken.end(), [](const auto& left, const auto& right) {
-        return left.key().text < right.key().text;
-    });
+    rows.reserve(tools.size());
     latest_change_ = kNone;
-    for (auto entry : taken) {
-        entry.value().changed = false;
+    for (const auto& tool : tools) {
+        entries_.find(tool).value().changed = false;
     }
-    for (auto entry : taken) {
-        rows.push_back(health_row(entry.key(), entry.value()));
+    for (const auto& tool : tools) {
+        rows.push_back(health_row(tool, entries_.find(tool).value()));
     }
     return rows;
 }
@@ -119,11 +124,7 @@ void ToolStates::restore_changes(std::span<const HealthRow> rows) {
 
 ToolStates::Map::iterator ToolStates::find_or_insert(const HashedText& tool) {
     const auto known = entries_.find(tool);
-    return known == entries_.end() ? insert(tool) : known;
-}
-
-ToolStates::Map::iterator ToolStates::insert(const HashedText& tool) {
-    return entries_.try_emplace(texts_.keep(tool)).first;
+    return known == entries_.end() ? entries_.try_emplace(texts_.keep(tool)).first : known;
 }
 
 void ToolStates::mark_changed(Map::iterator entry) {

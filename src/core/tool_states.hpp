@@ -21,8 +21,6 @@ namespace health {
 
 struct Blob {
     std::string bytes;
-
-    bool operator==(const Blob&) const = default;
 };
 
 // A last error: none when null, else a text. A row that somebody edited may hold another SQLite
@@ -77,12 +75,15 @@ public:
 
     // The last error of the tool there while it is disabled; nothing when it is enabled. If its
     // cooldown has passed it is enabled now.
-    std::optional<LastError> check(Position position, double now, double cooldown_s);
+    std::optional<LastError> try_again(Position position, double now, double cooldown_s);
 
     // Installs a stored state, which counts as saved.
     void seed(const HashedText& tool, ToolState state);
 
     bool has_changes() const { return latest_change_ != kNone; }
+
+    // The names of the changed tools, in order.
+    std::vector<HashedText> changed() const;
 
     // The changed tools' rows by name; none of them counts as changed afterwards. Throws
     // as format_timestamp does (and they do not count as changed then either).
@@ -104,7 +105,6 @@ public:
 
 private:
     Map::iterator find_or_insert(const HashedText& tool);
-    Map::iterator insert(const HashedText& tool);
     void mark_changed(Map::iterator entry);
 
     TextStore texts_;  // of the map's keys

@@ -1,11 +1,9 @@
-// How the interpreter's calls reach the operations: their parameters, and the entries of its tables
-// of methods and properties.
+// A call's arguments, bound to the parameters of what it calls.
 #pragma once
 
 #include <algorithm>
 #include <array>
 #include <cstddef>
-#include <tuple>
 
 #include "module/module.hpp"
 #include "module/python.hpp"
@@ -25,58 +23,41 @@ struct Signature {
     }
 };
 
-// The place of the parameter with that name, Size for none. Names in a call are nearly always
-// interned, so the same object is looked for first.
+// The place of the parameter with that name, Size for none.
 template <std::size_t Size>
 std::size_t place_of(const Signature<Size>& signature, const Names& names, PyObject* keyword) {
-    const auto place = [&](auto&& is_same) {
-        std::size_t i = 0;
-        while (i < Size && !is_same(names[signature.parameters[i]])) {
-            ++i;
-        }
-        return i;
-    };
-    const auto same = place([&](PyObject* name) { return name == keyword; });
-    return same < Size
-               ? same
-               : place([&](PyObject* name) { return PyUnicode_Compare(name, keyword) == 0; });
+    std::size_t place = 0;
+    while (place < Size && PyUnicode_Compare(names[signature.parameters[place]], keyword) != 0) {
+        ++place;
+    }
+    return place;
 }
 
 // Raises the TypeError of too many arguments.
 template <std::size_t Size>
 void check_number(const Signature<Size>& signature, std::size_t positional, std::size_t named) {
-    const char* function = signature.function;
-    const auto most = signature.positional;
+    const auto plural = [](std::size_t number) { return number == 1 ? "" : "s"; };
     if (positional + named > Size) {
-        raise(PyExc_TypeError, "%s() takes at most %zu %sargument%s (%zu given)", function, Size,
-              positional == 0 ? "keyword " : "", Size == 1 ? "" : "s", positional + named);
+        raise(PyExc_TypeError, "%s() takes at most %zu %sargument%s (%zu given)",
+              signature.function, Size, positional == 0 ? "keyword " : "", plural(Size),
+              positional + named);
     }
-    if (positional > most) {
-        raise(PyExc_TypeError, "%s() takes exactly %zu positional argument%s (%zu given)", function,
-              most, most == 1 ? "" : "s", positional);
+    if (positional > signature.positional) {
+        raise(PyExc_TypeError, "%s() takes exactly %zu positional argument%s (%zu given)",
+              signature.function, signature.positional, plural(signature.positional), positional);
     }
 }
 
-// Raises the TypeError of an argument that is missing, or has an odd name: of no parameter, or of
-// one given by position.
+// Raises the TypeError of a name that is no parameter's, or one's that has its argument already.
 template <std::size_t Size>
-void check_bound(const Signature<Size>& signature, const Names& names,
-                 const std::array<PyObject*, Size>& bound, PyObject* odd) {
-    const char* function = signature.function;
-    for (std::size_t i = 0; i < Size; ++i) {
-        if (bound[i] == nullptr && signature.needs(i)) {
-            raise(PyExc_TypeError, "%s() missing required argument '%s' (pos %zu)", function,
-                  text(signature.parameters[i]), i + 1);
-        }
-    }
-    const auto place = odd == nullptr ? 0 : place_of(signature, names, odd);
+[[noreturn]] void raise_odd_name(const Signature<Size>& signature, std::size_t place,
+                                 PyObject* keyword) {
     if (place == Size) {
-        raise(PyExc_TypeError, "'%U' is an invalid keyword argument for %s()", odd, function);
+        raise(PyExc_TypeError, "'%U' is an invalid keyword argument for %s()", keyword,
+              signature.function);
     }
-    if (odd != nullptr) {
-        raise(PyExc_TypeError, "argument for %s() given by name ('%U') and position (%zu)",
-              function, odd, place + 1);
-    }
+    raise(PyExc_TypeError, "argument for %s() given by name ('%U') and position (%zu)",
+          signature.function, keyword, place + 1);
 }
 
 // The same as bind, for any call.
@@ -87,26 +68,32 @@ template <const auto& kSignature>
     constexpr auto kSize = kSignature.parameters.size();
     check_number(kSignature, positional, named);
     std::array<PyObject*, kSize> bound{};
-    for (std::size_t i = 0; i < kSize; ++i) {
-        bound[i] = i < positional ? given[i] : nullptr;
-    }
+    std::copy_n(given, positional, bound.begin());
     PyObject* odd = nullptr;
-    for (std::size_t i = positional; i < positional + named; ++i) {
-        PyObject* keyword = PyTuple_GET_ITEM(keywords, i - positional);
+    for (std::size_t i = 0; i < named; ++i) {
+        PyObject* keyword = PyTuple_GET_ITEM(keywords, i);
         const auto place = place_of(kSignature, names, keyword);
         if (place == kSize || bound[place] != nullptr) {
             odd = keyword;
         } else {
-            bound[place] = given[i];
+            bound[place] = given[positional + i];
         }
     }
-    check_bound(kSignature, names, bound, odd);
+    for (std::size_t i = 0; i < kSize; ++i) {
+        if (bound[i] == nullptr && kSignature.needs(i)) {
+            raise(PyExc_TypeError, "%s() missing required argument '%s' (pos %zu)",
+                  kSignature.function, text(kSignature.parameters[i]), i + 1);
+        }
+    }
+    if (odd != nullptr) {
+        raise_odd_name(kSignature, place_of(kSignature, names, odd), odd);
+    }
     return bound;
 }
 
 // The argument of each parameter, null for one that was left out and has a default, of a call as
 // the vectorcall protocol hands it over. The references are the call's. Nearly all calls give every
-// argument where its parameter stands.
+// argument where its parameter stands, its name interned.
 template <const auto& kSignature>
 auto bind(const Names& names, PyObject* const* given, std::size_t positional, PyObject* keywords) {
     constexpr auto kSize = kSignature.parameters.size();
@@ -130,63 +117,6 @@ template <std::size_t Size>
                                    const char* expected, PyObject* given) {
     raise(PyExc_TypeError, "%s() argument '%s' must be %s, not %.200s", signature.function,
           text(parameter), expected, given == Py_None ? "None" : Py_TYPE(given)->tp_name);
-}
-
-// The owner of an operation, behind the Python object that it is called on.
-template <class Owner>
-Owner& owner_of(PyObject* self);
-
-template <>
-inline const ModuleState& owner_of(PyObject* self) {
-    return state_of(self);
-}
-
-inline const Names& names_of(const ModuleState& module) { return module.names; }
-
-// An operation as the interpreter calls it: Ref operation(Owner&, PyObject* argument...), with a
-// signature when it has arguments.
-template <auto Operation, const auto&... kSignature>
-struct Method;
-
-template <class Owner, class... Values, Ref (*Operation)(Owner&, Values...),
-          const Signature<sizeof...(Values)>& kSignature>
-struct Method<Operation, kSignature> {
-    static PyObject* call(PyObject* self, PyObject* const* given, Py_ssize_t positional,
-                          PyObject* keywords) {
-        return guarded([&] {
-            auto& owner = owner_of<Owner>(self);
-            return std::apply([&](auto*... values) { return Operation(owner, values...); },
-                              bind<kSignature>(names_of(owner), given,
-                                               static_cast<std::size_t>(positional), keywords));
-        });
-    }
-};
-
-template <class Owner, Ref (*Operation)(Owner&)>
-struct Method<Operation> {
-    static PyObject* call(PyObject* self, PyObject* /*none*/) {
-        return guarded([&] { return Operation(owner_of<Owner>(self)); });
-    }
-};
-
-template <auto Operation>
-PyMethodDef method(const char* name, const char* doc) {
-    return {name, Method<Operation>::call, METH_NOARGS, doc};
-}
-
-template <auto Operation, const auto& kSignature>
-PyMethodDef method(const char* doc) {
-    auto* function = reinterpret_cast<void (*)()>(Method<Operation, kSignature>::call);
-    return {kSignature.function, reinterpret_cast<PyCFunction>(function),
-            METH_FASTCALL | METH_KEYWORDS, doc};
-}
-
-template <auto Get>
-PyGetSetDef property(const char* name, const char* doc) {
-    const getter get = [](PyObject* self, void* /*closure*/) {
-        return Method<Get>::call(self, nullptr);
-    };
-    return {name, get, nullptr, doc, nullptr};
 }
 
 }  // namespace health

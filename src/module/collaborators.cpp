@@ -1,10 +1,6 @@
 #include "module/collaborators.hpp"
 
-#include <string_view>
-
-#include "module/arguments.hpp"
-#include "module/operations.hpp"
-#include "module/values.hpp"
+#include "module/operation.hpp"
 
 namespace health {
 namespace {
@@ -57,26 +53,6 @@ Ref find(const ModuleState& module, const Collaborator& collaborator) {
 
 Methods collaborator_functions() {
     return {method<module_attribute, kAttributeSignature>(nullptr)};
-}
-
-bool registry_knows(const Names& names, const Ref& tools, PyObject* tool, PyObject* action) {
-    const auto spec = tools.method(names[Name::get], tool);
-    if (spec.is_none() || action == Py_None) {
-        return !spec.is_none();
-    }
-    return !spec.method(names[Name::action], action).is_none();
-}
-
-bool was_read(const ModuleState& module, const char* message, const Ref& error) {
-    if (error == nullptr) {
-        return true;
-    }
-    if (PyErr_GivenExceptionMatches(error, PyExc_Exception) == 0) {
-        raise_again(error);
-    }
-    const auto logger = shared(module.module).attribute(module.names[Name::logger]);
-    logger.method(module.names[Name::warning], to_python(std::string_view(message)), error);
-    return false;
 }
 
 }  // namespace health

@@ -22,11 +22,4 @@ inline constexpr Collaborator kThreadCensus{Name::thread_census, "utils.process"
 // found.
 Ref find(const ModuleState& module, const Collaborator& collaborator);
 
-// Whether the registry `tools` has a tool and, unless `action` is none, that action of it.
-bool registry_knows(const Names& names, const Ref& tools, PyObject* tool, PyObject* action);
-
-// Whether stored history could be read. The error that ended it, null for none, is logged as the
-// argument of `message`, a warning; what is not an Exception is passed on.
-bool was_read(const ModuleState& module, const char* message, const Ref& error);
-
 }  // namespace health

@@ -4,30 +4,24 @@
 #include <utility>
 #include <vector>
 
-#include "module/arguments.hpp"
 #include "module/collaborators.hpp"
 #include "module/mirror.hpp"
-#include "module/operations.hpp"
+#include "module/operation.hpp"
 #include "module/tracker.hpp"
-#include "module/values.hpp"
 
 namespace health {
-
-#define COLUMNS "tool_name, call_count, error_count, last_error, disabled_at, updated_at"
-
 namespace {
 
-constexpr std::string_view kSelect = "SELECT " COLUMNS " FROM tool_health";
+constexpr std::string_view kSelect = "SELECT " HEALTH_COLUMNS " FROM tool_health";
 constexpr std::string_view kDelete = "DELETE FROM tool_health WHERE tool_name = ?";
-constexpr std::string_view kUpsert = "INSERT INTO tool_health (" COLUMNS
-                                     ")\n"
-                                     "                    VALUES (?, ?, ?, ?, ?, ?)\n"
-                                     "                    ON CONFLICT(tool_name) DO UPDATE SET\n"
-                                     "                        call_count = excluded.call_count,\n"
-                                     "                        error_count = excluded.error_count,\n"
-                                     "                        last_error = excluded.last_error,\n"
-                                     "                        disabled_at = excluded.disabled_at,\n"
-                                     "                        updated_at = excluded.updated_at";
+constexpr std::string_view kUpsert = "INSERT INTO tool_health (" HEALTH_COLUMNS R"sql()
+                    VALUES (?, ?, ?, ?, ?, ?)
+                    ON CONFLICT(tool_name) DO UPDATE SET
+                        call_count = excluded.call_count,
+                        error_count = excluded.error_count,
+                        last_error = excluded.last_error,
+                        disabled_at = excluded.disabled_at,
+                        updated_at = excluded.updated_at)sql";
 
 // Timestamps
 
@@ -44,7 +38,7 @@ Ref sqlite_time(const ModuleState& /*module*/, PyObject* epoch) {
     if (epoch == Py_None) {
         return none();
     }
-    return to_python(format_timestamp(to_number(epoch)));
+    return to_python(format_timestamp(to_double_or_infinity(epoch)));
 }
 
 constexpr Signature<1> kEpochSignature{"_epoch", {Name::text}};
@@ -71,9 +65,8 @@ Ref epoch(const ModuleState& /*module*/, PyObject* value) { return to_python(sto
 
 // The stored rows of known tools, as a list. Deletes those of the others.
 Ref read_rows(Tracker& tracker) {
-    const auto& names = tracker.module.names;
     const auto db = database(tracker);
-    const auto stored = db.method(names[Name::fetchall], to_python(kSelect));
+    const auto stored = db.method(tracker.names[Name::fetchall], to_python(kSelect));
     auto known = owned(PyList_New(0));
     const auto removed = owned(PyList_New(0));
     Ref tools;
@@ -83,7 +76,7 @@ Ref read_rows(Tracker& tracker) {
         if (tools == nullptr) {
             tools = find(tracker.module, kTools);
         }
-        if (registry_knows(names, tools, tool, Py_None)) {
+        if (registry_knows(tracker.names, tools, tool, Py_None)) {
             checked(PyList_Append(known, row));
         } else {
             checked(PyList_Append(removed, make_tuple(tool)));
@@ -91,7 +84,7 @@ Ref read_rows(Tracker& tracker) {
         pacer.step();
     });
     if (PyList_GET_SIZE(removed.get()) > 0) {
-        db.method(names[Name::executemany], to_python(kDelete), removed);
+        db.method(tracker.names[Name::executemany], to_python(kDelete), removed);
     }
     return known;
 }
@@ -117,8 +110,8 @@ void seed(ToolStates& states, const Ref& row) {
 
 Ref load_health(Tracker& tracker) {
     Ref rows;
-    if (!was_read(tracker.module, "Could not read the tool health history: %s",
-                  error_of([&] { rows = read_rows(tracker); }))) {
+    if (!read_or_log(tracker.module, "Could not read the tool health history: %s",
+                     [&] { rows = read_rows(tracker); })) {
         return none();
     }
     // Converting calls Python, so it comes before the lock is taken. The rows before one that does
@@ -155,7 +148,7 @@ void write_rows(Tracker& tracker, const std::vector<HealthRow>& rows) {
         checked(PyList_Append(values, row_values(row)));
         pacer.step();
     }
-    database(tracker).method(tracker.module.names[Name::executemany], to_python(kUpsert), values);
+    database(tracker).method(tracker.names[Name::executemany], to_python(kUpsert), values);
 }
 
 Ref flush_health(Tracker& tracker) {
@@ -171,9 +164,6 @@ Ref flush_health(Tracker& tracker) {
 }
 
 }  // namespace
-
-const char* const kHealthColumns = COLUMNS;
-#undef COLUMNS
 
 Methods health_mirror_methods() {
     return {

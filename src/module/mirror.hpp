@@ -3,14 +3,41 @@
 #pragma once
 
 #include <list>
+#include <string_view>
 
-#include "module/lock.hpp"
-#include "module/python.hpp"
+#include "module/shared_health.hpp"
+#include "module/values.hpp"
 
 namespace health {
 
-extern const char* const kHealthColumns;     // in the order in which they are read and written
-extern const char* const kUsageDocumentKey;  // of the document's row in schema_info
+// In the order in which they are read and written.
+#define HEALTH_COLUMNS "tool_name, call_count, error_count, last_error, disabled_at, updated_at"
+
+// Of the document's row in schema_info.
+inline constexpr std::string_view kUsageDocumentKey = "tool_usage";
+
+// Whether the registry `tools` has a tool and, unless `action` is none, that action of it.
+inline bool registry_knows(const Names& names, const Ref& tools, PyObject* tool, PyObject* action) {
+    const auto spec = tools.method(names[Name::get], tool);
+    return !spec.is_none() &&
+           (action == Py_None || !spec.method(names[Name::action], action).is_none());
+}
+
+// Reads from the database and returns whether that worked. An error is logged as the argument of
+// `message`, a warning; what is not an Exception is passed on.
+template <class Read>
+bool read_or_log(const ModuleState& module, const char* message, Read&& read) {
+    const auto error = error_of(read);
+    if (error == nullptr) {
+        return true;
+    }
+    if (PyErr_GivenExceptionMatches(error, PyExc_Exception) == 0) {
+        raise_again(error);
+    }
+    const auto logger = shared(module.module).attribute(module.names[Name::logger]);
+    logger.method(module.names[Name::warning], to_python(std::string_view(message)), error);
+    return false;
+}
 
 // Writes to the database. When that fails, what was to be written counts as changed again.
 template <class Write>

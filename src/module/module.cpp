@@ -7,15 +7,12 @@
 #include <string>
 
 #include "module/mirror.hpp"
-#include "module/operations.hpp"
+#include "module/operation.hpp"
 #include "module/tracker.hpp"
 #include "module/values.hpp"
 
 namespace health {
 namespace {
-
-PyDoc_STRVAR(kModuleDoc,
-             R"(Tool health: which tools fail, which are disabled, and how all of them are used.)");
 
 // "quillet." for "quillet.tool_handlers.health": the package that holds tool_handlers. Nothing
 // for the plain module "health".
@@ -41,20 +38,16 @@ void add(PyObject* module, const char* name, const Ref& value) {
     checked(PyModule_AddObjectRef(module, name, value));
 }
 
-void add_text(PyObject* module, const char* name, std::string_view text) {
-    add(module, name, to_python(text));
-}
-
 // The functions need the module's state, so they come once it is there: the interpreter asks for
 // attributes, and so calls __getattr__, before it loads the module. It keeps the table.
 void add_functions(PyObject* module) {
     static auto functions = table<Methods>({health_mirror_functions(), usage_mirror_functions(),
-                                            report_functions(), collaborator_functions()});
+                                            status_functions(), collaborator_functions()});
     checked(PyModule_AddFunctions(module, functions.data()));
 }
 
 int load(PyObject* module) {
-    const Ref done(guarded([&] {
+    const bool done = succeeds([&] {
         const auto name = owned(PyModule_GetNameObject(module));
         state_pointer(module) = std::make_unique<ModuleState>(ModuleState{
             .module = module,
@@ -67,17 +60,16 @@ int load(PyObject* module) {
         const auto& state = state_of(module);
         add_functions(module);
         add(module, "logger", import_module("logging").method(state.names[Name::getLogger], name));
-        add_text(module, "__version__", HEALTH_VERSION);
-        add_text(module, "_SQLITE_TIMESTAMP", kTimestampFormat);
-        add_text(module, "_TOOL_HEALTH_COLUMNS", kHealthColumns);
-        add_text(module, "TOOL_USAGE_KEY", kUsageDocumentKey);
+        checked(PyModule_AddStringConstant(module, "__version__", HEALTH_VERSION));
+        checked(PyModule_AddStringConstant(module, "_SQLITE_TIMESTAMP", kTimestampFormat.data()));
+        checked(PyModule_AddStringConstant(module, "_TOOL_HEALTH_COLUMNS", HEALTH_COLUMNS));
+        checked(PyModule_AddStringConstant(module, "TOOL_USAGE_KEY", kUsageDocumentKey.data()));
         for (const auto type : {Name::_ToolState, Name::_Usage, Name::_UsageKey}) {
             add(module, text(type), state.records.item(state.names[type]));
         }
         add(module, "ToolHealthTracker", make_tracker_type(module, name));
-        return none();
-    }));
-    return done != nullptr ? 0 : -1;
+    });
+    return done ? 0 : -1;
 }
 
 int traverse(PyObject* module, visitproc visit, void* arg) {
@@ -97,7 +89,7 @@ std::array slots{
 PyModuleDef definition{
     PyModuleDef_HEAD_INIT,
     "health",
-    kModuleDoc,
+    "Tool health: which tools fail, which are disabled, and how all of them are used.",
     sizeof(StatePointer),
     nullptr,
     slots.data(),

@@ -1,16 +1,14 @@
-// What every file of the module needs of the interpreter's C API.
+// References to Python objects, and errors: what every file of the module needs of the C API.
 #pragma once
 
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
 
 #include <array>
-#include <chrono>
 #include <cstddef>
 #include <exception>
 #include <new>
 #include <stdexcept>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -61,6 +59,15 @@ inline void let_go_of_parked() {
     }
 }
 
+// The outcome of a C API call that returns a negative number for an error.
+template <class Result>
+Result checked(Result result) {
+    if (result < 0) {
+        throw PythonError();
+    }
+    return result;
+}
+
 class Ref;
 
 // A new reference that a C API call returned, or its error.
@@ -98,6 +105,9 @@ public:
 
     Ref attribute(PyObject* name) const { return owned(PyObject_GetAttr(object_, name)); }
     Ref item(PyObject* key) const { return owned(PyObject_GetItem(object_, key)); }
+    void set_item(PyObject* key, const Ref& value) const {
+        checked(PyObject_SetItem(object_, key, value));
+    }
     Ref at(Py_ssize_t position) const { return owned(PySequence_GetItem(object_, position)); }
 
     // Calls the object.
@@ -138,15 +148,6 @@ inline Ref owned(PyObject* result) {
         throw PythonError();
     }
     return Ref(result);
-}
-
-// The outcome of a C API call that returns a negative number for an error.
-template <class Result>
-Result checked(Result result) {
-    if (result < 0) {
-        throw PythonError();
-    }
-    return result;
 }
 
 inline Ref shared(PyObject* object) { return Ref(Py_NewRef(object)); }
@@ -203,10 +204,14 @@ template <class... Values>
     raise_again(error);
 }
 
-// Sets the interpreter's error from the C++ exception being handled.
-inline void set_error_from_exception() {
+// Runs work and returns whether it succeeded; if not, the interpreter's error is set. Nothing but
+// std::exception is caught: a thread that the interpreter ends while it shuts down is unwound by
+// something else, which has to pass.
+template <class Work>
+bool succeeds(Work&& work) {
     try {
-        throw;
+        work();
+        return true;
     } catch (const PythonError&) {
         // It is set already.
     } catch (const std::domain_error& error) {
@@ -216,100 +221,22 @@ inline void set_error_from_exception() {
     } catch (const std::exception& error) {
         PyErr_SetString(PyExc_RuntimeError, error.what());
     }
+    let_go_of_parked();
+    return false;
 }
 
 // Runs work. The error that ended it, taken over; null when it succeeded.
 template <class Work>
 Ref error_of(Work&& work) {
-    try {
-        work();
-        return {};
-    } catch (const std::exception&) {
-        set_error_from_exception();
-    }
-    auto error = take_error();
-    let_go_of_parked();
-    return error;
+    return succeeds(work) ? Ref() : take_error();
 }
 
 // Runs a body that returns a Ref where the interpreter expects a new reference or an error.
-// Nothing but std::exception is caught: a thread that the interpreter ends while it shuts down is
-// unwound by something else, which has to pass.
 template <class Body>
 PyObject* guarded(Body&& body) {
-    try {
-        return body().release();
-    } catch (const std::exception&) {
-        set_error_from_exception();
-    }
-    let_go_of_parked();
-    return nullptr;
+    PyObject* result = nullptr;
+    succeeds([&] { result = body().release(); });
+    return result;
 }
-
-// The interpreter lock
-
-// Releases it for a scope that no exception leaves before it is taken back.
-class GilRelease {
-public:
-    GilRelease() = default;
-    ~GilRelease() noexcept(false) { take_back(); }
-    GilRelease(const GilRelease&) = delete;
-    GilRelease& operator=(const GilRelease&) = delete;
-
-    // The interpreter may end this thread here, by unwinding it.
-    void take_back() {
-        if (auto* thread = std::exchange(thread_, nullptr)) {
-            PyEval_RestoreThread(thread);
-        }
-    }
-
-    // Runs the handlers of the signals that have arrived, and throws what one of them raises.
-    void serve_signals() {
-        take_back();
-        checked(PyErr_CheckSignals());
-        thread_ = PyEval_SaveThread();
-    }
-
-private:
-    PyThreadState* thread_ = PyEval_SaveThread();
-};
-
-// Runs work without it. The lock is back before an exception goes on: see let_go.
-template <class Work>
-auto without_gil(Work&& work) {
-    GilRelease gil;
-    try {
-        return work(gil);
-    } catch (const std::exception&) {
-        gil.take_back();
-        throw;
-    }
-}
-
-// Runs work that needs nothing of Python while others may run.
-template <class Work>
-auto aside(Work&& work) {
-    return without_gil([&](GilRelease& /*gil*/) { return work(); });
-}
-
-// Frees plain memory, which may be much, while others may run.
-template <class Plain>
-void free_aside(Plain& memory) {
-    aside([&] { Plain().swap(memory); });
-}
-
-// Lets the other threads in, now and then, during a long loop over Python objects. A thread that
-// waits for the interpreter lock takes a moment to wake, so releasing it alone would not do.
-class Pacer {
-public:
-    void step() {
-        if (++steps_ % 1024 == 0) {
-            aside([] { std::this_thread::sleep_for(std::chrono::microseconds(1)); });
-        }
-    }
-
-private:
-    unsigned steps_ = 0;
-};
 
 }  // namespace health

@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "module/collaborators.hpp"
-#include "module/operations.hpp"
+#include "module/operation.hpp"
 #include "module/values.hpp"
 
 // Needs Python.h before it.
@@ -58,7 +58,7 @@ IndexError, OverflowError, TypeError or ValueError for a stored row that does
 not convert.)");
 
 int tracker_init(PyObject* self, PyObject* args, PyObject* kwargs) {
-    const Ref done(guarded([&] {
+    const bool done = succeeds([&] {
         auto& tracker = tracker_of(self);
         static std::array keywords{const_cast<char*>("repository"), const_cast<char*>("limits"),
                                    static_cast<char*>(nullptr)};
@@ -72,21 +72,19 @@ int tracker_init(PyObject* self, PyObject* args, PyObject* kwargs) {
         if (std::exchange(tracker.initialized, true)) {
             raise(PyExc_RuntimeError, "the tracker is initialized already");
         }
-        const auto& names = tracker.module.names;
         const auto error = error_of([&] {
             if (tracker.limits != nullptr) {
                 tracker.earlier = make_tuple(tracker.limits, tracker.repository, tracker.earlier);
             }
             tracker.limits = std::move(settings);
             tracker.repository = shared(repository);
-            shared(self).method(names[Name::_load]);
-            shared(self).method(names[Name::_load_usage]);
+            shared(self).method(tracker.names[Name::_load]);
+            shared(self).method(tracker.names[Name::_load_usage]);
         });
         tracker.initialized = error == nullptr;
         raise_if(error);
-        return none();
-    }));
-    return done != nullptr ? 0 : -1;
+    });
+    return done ? 0 : -1;
 }
 
 int tracker_traverse(PyObject* self, visitproc visit, void* arg) {
@@ -132,15 +130,14 @@ Blocks on the database. A write that fails raises the database's error; what it
 was to write goes out with the next flush.)");
 
 Ref flush(Tracker& tracker) {
-    const auto& names = tracker.module.names;
     const auto self = shared(tracker.self);
-    const auto health = self.method(names[Name::_flush_health]);
-    const auto usage = self.method(names[Name::_flush_usage]);
+    const auto health = self.method(tracker.names[Name::_flush_health]);
+    const auto usage = self.method(tracker.names[Name::_flush_usage]);
     return owned(PyNumber_Add(health, usage));
 }
 
 Ref cooldown_s(Tracker& tracker) {
-    return settings(tracker).attribute(tracker.module.names[Name::disable_cooldown_s]);
+    return settings(tracker).attribute(tracker.names[Name::disable_cooldown_s]);
 }
 
 Ref has_unsaved_changes(Tracker& tracker) {
@@ -168,8 +165,8 @@ void* slot(Function* function) {
 PyType_Spec& type_spec() {
     static auto methods = table<Methods>({
         {method<flush>("flush", kFlushDoc)},
-        recording_methods(),
-        report_methods(),
+        call_methods(),
+        summary_methods(),
         health_mirror_methods(),
         usage_mirror_methods(),
     });
@@ -183,7 +180,7 @@ PyType_Spec& type_spec() {
             property<limits>("_limits", "The settings."),
             {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
         },
-        record_properties(),
+        view_properties(),
     });
     static std::array members{
         PyMemberDef{"__dictoffset__", T_PYSSIZET, offsetof(TrackerObject, attributes), READONLY,
@@ -221,7 +218,7 @@ Tracker& tracker_of(PyObject* self) { return *as_object(self)->tracker; }
 const Ref& settings(const Tracker& tracker) { return member(tracker.limits, "_limits"); }
 
 Ref database(const Tracker& tracker) {
-    return member(tracker.repository, "_repo").attribute(tracker.module.names[Name::db]);
+    return member(tracker.repository, "_repo").attribute(tracker.names[Name::db]);
 }
 
 Ref make_tracker_type(PyObject* module, PyObject* module_name) {

@@ -1,10 +1,8 @@
 // ToolHealthTracker: a repository's tool health, kept in memory and mirrored into its database.
 #pragma once
 
-#include "module/arguments.hpp"
-#include "module/lock.hpp"
-#include "module/module.hpp"
-#include "module/python.hpp"
+#include "module/operation.hpp"
+#include "module/shared_health.hpp"
 
 namespace health {
 
@@ -18,6 +16,7 @@ struct Tracker {
     explicit Tracker(const ModuleState& loaded) : module(loaded) {}
 
     const ModuleState& module;
+    const Names& names = module.names;
     Ref module_owner = shared(module.module);  // the class lets go of it when both are collected
     PyObject* self = nullptr;                  // the Python object that holds this
     bool initialized = false;                  // or being so
@@ -34,8 +33,6 @@ template <>
 inline Tracker& owner_of(PyObject* self) {
     return tracker_of(self);
 }
-
-inline const Names& names_of(const Tracker& tracker) { return tracker.module.names; }
 
 // What __init__ is given; an AttributeError before.
 const Ref& settings(const Tracker& tracker);

@@ -9,12 +9,10 @@
 #include <vector>
 
 #include "core/usage_document.hpp"
-#include "module/arguments.hpp"
 #include "module/collaborators.hpp"
 #include "module/mirror.hpp"
-#include "module/operations.hpp"
+#include "module/operation.hpp"
 #include "module/tracker.hpp"
-#include "module/values.hpp"
 
 namespace health {
 namespace {
@@ -42,18 +40,6 @@ struct StoredUsage {
     UsageCounts counts;
     bool is_whole = true;  // whether nothing was left out
 };
-
-// The stored text; null when there is none.
-Ref read_document(Tracker& tracker) {
-    const auto row =
-        database(tracker).method(tracker.module.names[Name::fetchone], to_python(kSelect),
-                                 make_tuple(to_python(std::string_view(kUsageDocumentKey))));
-    if (row.is_none()) {
-        return {};
-    }
-    auto value = row.at(0);
-    return PyUnicode_Check(value.get()) ? value : Ref();
-}
 
 // The counts of a document in the writer's form, read while others may run.
 std::optional<UsageCounts> read_own_form(const Ref& document) {
@@ -101,14 +87,16 @@ StoredUsage read_any_form(const Names& names, const Ref& document) {
 }
 
 StoredUsage read_usage(Tracker& tracker) {
-    const auto document = read_document(tracker);
-    if (document == nullptr) {
+    const auto row = database(tracker).method(tracker.names[Name::fetchone], to_python(kSelect),
+                                              make_tuple(to_python(kUsageDocumentKey)));
+    const auto document = row.is_none() ? none() : row.at(0);
+    if (!PyUnicode_Check(document.get())) {
         return {};
     }
     if (auto counts = read_own_form(document)) {
         return {std::move(*counts)};
     }
-    return read_any_form(tracker.module.names, document);
+    return read_any_form(tracker.names, document);
 }
 
 // The entries of what the registry still has.
@@ -135,8 +123,8 @@ std::vector<UsageEntry> known_entries(const ModuleState& module, const UsageCoun
 
 Ref load_usage(Tracker& tracker) {
     StoredUsage stored;
-    if (!was_read(tracker.module, "Could not read the tool usage counts: %s",
-                  error_of([&] { stored = read_usage(tracker); }))) {
+    if (!read_or_log(tracker.module, "Could not read the tool usage counts: %s",
+                     [&] { stored = read_usage(tracker); })) {
         return none();
     }
     const auto known = known_entries(tracker.module, stored.counts);
@@ -167,9 +155,8 @@ Ref make_document(std::span<const UsageEntry> entries) {
 }
 
 void write_document(Tracker& tracker, std::span<const UsageEntry> entries) {
-    const auto parameters =
-        make_tuple(to_python(std::string_view(kUsageDocumentKey)), make_document(entries));
-    database(tracker).method(tracker.module.names[Name::execute], to_python(kReplace), parameters);
+    const auto parameters = make_tuple(to_python(kUsageDocumentKey), make_document(entries));
+    database(tracker).method(tracker.names[Name::execute], to_python(kReplace), parameters);
 }
 
 Ref flush_usage(Tracker& tracker) {
@@ -187,8 +174,6 @@ Ref flush_usage(Tracker& tracker) {
 }
 
 }  // namespace
-
-const char* const kUsageDocumentKey = "tool_usage";
 
 Methods usage_mirror_methods() {
     return {

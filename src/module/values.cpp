@@ -82,9 +82,6 @@ Count to_count(PyObject* integer) {
     using Limits = std::numeric_limits<Count>;
     int beyond = 0;
     const Count count = PyLong_AsLongLongAndOverflow(integer, &beyond);
-    if (count == -1 && PyErr_Occurred() != nullptr) {
-        throw PythonError();
-    }
     return beyond == 0 ? count : beyond > 0 ? Limits::max() : Limits::min();
 }
 
@@ -99,21 +96,14 @@ double to_double(PyObject* number) {
     return value;
 }
 
-double to_number(PyObject* number) {
-    if (PyFloat_CheckExact(number)) {
-        return PyFloat_AS_DOUBLE(number);
+double to_double_or_infinity(PyObject* number) {
+    if (!PyLong_Check(number)) {
+        return to_double(number);
     }
-    const double value = PyFloat_AsDouble(number);
-    if (value != -1.0 || PyErr_Occurred() == nullptr) {
-        return value;
-    }
-    if (!PyLong_Check(number) || PyErr_ExceptionMatches(PyExc_OverflowError) == 0) {
-        throw PythonError();
-    }
-    PyErr_Clear();
-    int sign = 0;
-    PyLong_AsLongLongAndOverflow(number, &sign);
-    return sign * std::numeric_limits<double>::infinity();
+    int beyond = 0;
+    const Count count = PyLong_AsLongLongAndOverflow(number, &beyond);
+    return beyond == 0 ? static_cast<double>(count)
+                       : beyond * std::numeric_limits<double>::infinity();
 }
 
 LastError to_last_error(PyObject* value) {

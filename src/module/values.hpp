@@ -89,8 +89,8 @@ Count to_count(PyObject* integer);
 // what is no number.
 double to_double(PyObject* number);
 
-// The same, but an integer beyond every double is as good as infinite.
-double to_number(PyObject* number);
+// The same, but an integer beyond 64 bits is as good as infinite.
+double to_double_or_infinity(PyObject* number);
 
 // A last error as the database holds it: none, text, integer, real or blob.
 LastError to_last_error(PyObject* value);

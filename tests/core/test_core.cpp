@@ -30,8 +30,8 @@ TEST(Core, ATimeWithoutATextLosesTheMarksAndNothingElse) {
     states.record_success(hashed("other"), 1.0);
     states.restore_changes(rows);
     EXPECT_EQ(states.take_changes().size(), 2U);
-    EXPECT_TRUE(states.check(states.find_disabled(tool).value(), 9.0, 4.5));
-    EXPECT_FALSE(states.check(states.find_disabled(tool).value(), 9.0, 4.0));
+    EXPECT_TRUE(states.try_again(states.find_disabled(tool).value(), 9.0, 4.5));
+    EXPECT_FALSE(states.try_again(states.find_disabled(tool).value(), 9.0, 4.0));
     EXPECT_FALSE(states.find_disabled(tool));
 }
 

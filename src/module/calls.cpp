@@ -5,7 +5,7 @@
 #include <limits>
 #include <optional>
 
-#include "module/operations.hpp"
+#include "module/operation.hpp"
 #include "module/tracker.hpp"
 #include "module/values.hpp"
 
@@ -129,8 +129,8 @@ Ref record_error(Tracker& tracker, PyObject* tool_name, PyObject* error) {
     const Text text(kept);
     std::optional<double> disable_after;
     const auto unreadable = error_of([&] {
-        disable_after = to_number(
-            settings(tracker).attribute(tracker.module.names[Name::disable_after_errors]));
+        disable_after = to_double_or_infinity(
+            settings(tracker).attribute(tracker.names[Name::disable_after_errors]));
     });
     // The call failed whatever the settings are.
     tracker.health.run([&](Health& health) {
@@ -168,17 +168,18 @@ Ref is_disabled(Tracker& tracker, PyObject* tool_name) {
         return tracker.module.enabled;
     }
     // The settings are Python's, so they are read outside the lock.
-    const auto self = shared(tracker.self);
-    const double cooldown = to_number(self.attribute(tracker.module.names[Name::cooldown_s]));
-    const auto last_error = tracker.health.run(
-        [&](Health& health) { return health.states.check(*disabled, wall_clock(), cooldown); });
+    const auto cooldown = owned(PyObject_GetAttr(tracker.self, tracker.names[Name::cooldown_s]));
+    const double cooldown_s = to_double_or_infinity(cooldown);
+    const auto last_error = tracker.health.run([&](Health& health) {
+        return health.states.try_again(*disabled, wall_clock(), cooldown_s);
+    });
     return last_error ? disabled_answer(tracker.latest_answer, *last_error)
                       : tracker.module.enabled;
 }
 
 }  // namespace
 
-Methods recording_methods() {
+Methods call_methods() {
     return {
         method<record_call, kRecordCallSignature>(kRecordCallDoc),
         method<record_success, kRecordSuccessSignature>(kRecordSuccessDoc),

@@ -1,9 +1,8 @@
 // A tracker's memory as Python sees it: records in new containers.
-#include <string_view>
 #include <utility>
 #include <vector>
 
-#include "module/operations.hpp"
+#include "module/operation.hpp"
 #include "module/tracker.hpp"
 #include "module/values.hpp"
 
@@ -36,36 +35,28 @@ class _Usage:
 _UsageKey = tuple[str, str | None, str, bool]
 )";
 
-using NamedState = std::pair<std::string_view, ToolState>;
-
-std::vector<NamedState> copy_states(Tracker& tracker, bool changed_only) {
-    return tracker.health.run_aside([&](Health& health) {
-        std::vector<NamedState> copies;
-        for (const auto& [tool, entry] : health.states.entries()) {
-            if (entry.changed || !changed_only) {
-                copies.emplace_back(tool.text, entry);
-            }
-        }
-        return copies;
-    });
-}
-
 Ref state(Tracker& tracker) {
     const auto& module = tracker.module;
     const auto type = module.records.item(module.names[Name::_ToolState]);
+    const auto states = tracker.health.run_aside([](const Health& health) {
+        const auto& entries = health.states.entries();
+        return std::vector<std::pair<HashedText, ToolState>>(entries.begin(), entries.end());
+    });
     auto map = owned(PyDict_New());
-    for (const auto& [tool, state] : copy_states(tracker, false)) {
+    for (const auto& [tool, state] : states) {
         const auto record = type(to_python(state.call_count), to_python(state.error_count),
                                  to_python(state.last_error), to_python(state.disabled_at),
                                  to_python(state.updated_at), to_python(state.consecutive_errors));
-        checked(PyDict_SetItem(map, to_python(tool), record));
+        map.set_item(to_python(tool), record);
     }
     return map;
 }
 
 Ref dirty(Tracker& tracker) {
+    const auto changed =
+        tracker.health.run_aside([](const Health& health) { return health.states.changed(); });
     auto set = owned(PySet_New(nullptr));
-    for (const auto& [tool, state] : copy_states(tracker, true)) {
+    for (const auto& tool : changed) {
         checked(PySet_Add(set, to_python(tool)));
     }
     return set;
@@ -82,7 +73,7 @@ Ref usage(Tracker& tracker) {
                                       to_python(key->outcome), to_python(key->alias_hit));
         const auto record =
             type(to_python(usage.calls), to_python(usage.timed_calls), to_python(usage.total_ms));
-        checked(PyDict_SetItem(map, tuple, record));
+        map.set_item(tuple, record);
     }
     return map;
 }
@@ -100,7 +91,7 @@ Ref make_records(PyObject* module_name) {
     return records;
 }
 
-Properties record_properties() {
+Properties view_properties() {
     return {
         property<state>("_state", "A copy of the tools' states: a dict of _ToolState by name."),
         property<dirty>("_dirty", "A copy of the set of tools to be written."),

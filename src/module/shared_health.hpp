@@ -18,7 +18,7 @@
 
 #include "core/tool_states.hpp"
 #include "core/usage.hpp"
-#include "module/python.hpp"
+#include "module/gil.hpp"
 
 namespace health {
 
@@ -69,7 +69,7 @@ public:
     // Runs work that calls Python. A call from there into this memory gets a RuntimeError, as
     // waiting would be for ever.
     template <class Work>
-    auto run_over_python(Work&& work) {
+    auto run_calling_python(Work&& work) {
         announce();
         const AtExit lower{[&] { announced_.fetch_sub(1, std::memory_order_release); }};
         const auto lock = without_gil([&](GilRelease& gil) { return wait(gil); });

@@ -1,0 +1,77 @@
+// The interpreter lock: work that goes without it, and loops that let others have it.
+#pragma once
+
+#include <chrono>
+#include <exception>
+#include <thread>
+#include <utility>
+
+#include "module/python.hpp"
+
+namespace health {
+
+// Releases it for a scope that no exception leaves before it is taken back.
+class GilRelease {
+public:
+    GilRelease() = default;
+    ~GilRelease() noexcept(false) { take_back(); }
+    GilRelease(const GilRelease&) = delete;
+    GilRelease& operator=(const GilRelease&) = delete;
+
+    // The interpreter may end this thread here, by unwinding it.
+    void take_back() {
+        if (auto* thread = std::exchange(thread_, nullptr)) {
+            PyEval_RestoreThread(thread);
+        }
+    }
+
+    // Runs the handlers of the signals that have arrived, and throws what one of them raises.
+    void serve_signals() {
+        take_back();
+        checked(PyErr_CheckSignals());
+        thread_ = PyEval_SaveThread();
+    }
+
+private:
+    PyThreadState* thread_ = PyEval_SaveThread();
+};
+
+// Runs work without it. The lock is back before an exception goes on: see let_go.
+template <class Work>
+auto without_gil(Work&& work) {
+    GilRelease gil;
+    try {
+        return work(gil);
+    } catch (const std::exception&) {
+        gil.take_back();
+        throw;
+    }
+}
+
+// Runs work that needs nothing of Python while others may run.
+template <class Work>
+auto aside(Work&& work) {
+    return without_gil([&](GilRelease& /*gil*/) { return work(); });
+}
+
+// Frees plain memory, which may be much, while others may run.
+template <class Plain>
+void free_aside(Plain& memory) {
+    aside([&] { Plain().swap(memory); });
+}
+
+// Lets the other threads in, now and then, during a long loop over Python objects. A thread that
+// waits for the interpreter lock takes a moment to wake, so releasing it alone would not do.
+class Pacer {
+public:
+    void step() {
+        if (++steps_ % 1024 == 0) {
+            aside([] { std::this_thread::sleep_for(std::chrono::microseconds(1)); });
+        }
+    }
+
+private:
+    unsigned steps_ = 0;
+};
+
+}  // namespace health

@@ -1,0 +1,115 @@
+// The summary of all tools' health.
+#include <initializer_list>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "core/summary.hpp"
+#include "module/collaborators.hpp"
+#include "module/operation.hpp"
+#include "module/tracker.hpp"
+#include "module/values.hpp"
+
+namespace health {
+namespace {
+
+PyDoc_STRVAR(kGetHealthSummaryDoc, R"(get_health_summary($self)
+--
+
+Every tool with its health and usage, as a new list of dicts: most errors
+first, then most calls.
+
+Each has tool_name, call_count, error_count, last_error, disabled, disabled_at
+and updated_at (UTC, "YYYY-MM-DD HH:MM:SS") and usage: a list of dicts with
+action, outcome, alias_hit, calls, avg_ms (milliseconds, two decimals; None
+when no call reported a time) and slow, most calls first.
+
+Whatever is_slow_call raises is passed on.)");
+
+// A new dict, its keys in the given order.
+Ref make_map(const Names& names, std::initializer_list<std::pair<Name, Ref>> items) {
+    auto map = owned(PyDict_New());
+    for (const auto& [name, value] : items) {
+        map.set_item(names[name], value);
+    }
+    return map;
+}
+
+// Asks for every row whether its call is slow by nature.
+void ask_for_slow_calls(std::vector<ToolSummary>& tools, const Ref& is_slow_call) {
+    Pacer pacer;
+    for (auto& tool : tools) {
+        const auto name = to_python(tool.health.tool);
+        for (auto& row : tool.usage) {
+            row.slow = truth(is_slow_call(name, to_python(row.key->action)));
+            pacer.step();
+        }
+    }
+}
+
+// The summary, with is_slow_call looked up before: importing it runs Python at length. Nothing
+// when it turns out to be needed and is null.
+std::optional<std::vector<ToolSummary>> gather(Tracker& tracker, const Ref& is_slow_call) {
+    return tracker.health.run_calling_python([&](const Health& health) {
+        std::optional<std::vector<ToolSummary>> tools;
+        if (is_slow_call != nullptr || health.usage.entries().empty()) {
+            tools = aside([&] { return summarize(health.states, health.usage); });
+            ask_for_slow_calls(*tools, is_slow_call);
+        }
+        return tools;
+    });
+}
+
+Ref answer(const Names& names, const UsageRow& row) {
+    return make_map(names, {{Name::action, to_python(row.key->action)},
+                            {Name::outcome, to_python(row.key->outcome)},
+                            {Name::alias_hit, to_python(row.key->alias_hit)},
+                            {Name::calls, to_python(row.calls)},
+                            {Name::avg_ms, to_python(row.avg_ms)},
+                            {Name::slow, to_python(row.slow)}});
+}
+
+Ref answer(const Names& names, const ToolSummary& tool, Pacer& pacer) {
+    const auto& health = tool.health;
+    const auto rows = owned(PyList_New(0));
+    for (const auto& row : tool.usage) {
+        checked(PyList_Append(rows, answer(names, row)));
+        pacer.step();
+    }
+    return make_map(names, {{Name::tool_name, to_python(health.tool)},
+                            {Name::call_count, to_python(health.call_count)},
+                            {Name::error_count, to_python(health.error_count)},
+                            {Name::last_error, to_python(health.last_error)},
+                            {Name::disabled, to_python(health.disabled_at.has_value())},
+                            {Name::disabled_at, to_python(health.disabled_at)},
+                            {Name::updated_at, to_python(health.updated_at)},
+                            {Name::usage, rows}});
+}
+
+Ref get_health_summary(Tracker& tracker) {
+    auto tools = gather(tracker, {});
+    if (!tools) {
+        tools = gather(tracker, find(tracker.module, kIsSlowCall));
+    }
+    aside([&] {
+        for (auto& tool : *tools) {
+            sort_usage(tool.usage);
+        }
+    });
+    auto answers = owned(PyList_New(0));
+    Pacer pacer;
+    for (const auto& tool : *tools) {
+        checked(PyList_Append(answers, answer(tracker.names, tool, pacer)));
+        pacer.step();
+    }
+    free_aside(*tools);
+    return answers;
+}
+
+}  // namespace
+
+Methods summary_methods() {
+    return {method<get_health_summary>("get_health_summary", kGetHealthSummaryDoc)};
+}
+
+}  // namespace health
