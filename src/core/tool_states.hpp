@@ -23,9 +23,14 @@ struct Blob {
     std::string bytes;
 };
 
+// Of any size.
+struct Integer {
+    std::string hexadecimal;
+};
+
 // A last error: none when null, else a text. A row that somebody edited may hold another SQLite
 // value, which is kept and given back as it is. Copies share the value, which never changes.
-using ErrorValue = std::variant<std::string, Count, double, Blob>;
+using ErrorValue = std::variant<std::string, Integer, double, Blob>;
 using LastError = std::shared_ptr<const ErrorValue>;
 
 // Times are epoch seconds.

@@ -12,7 +12,9 @@ namespace {
 
 struct ErrorToPython {
     Ref operator()(const std::string& text) const { return to_python(std::string_view(text)); }
-    Ref operator()(Count integer) const { return to_python(integer); }
+    Ref operator()(const Integer& integer) const {
+        return owned(PyLong_FromString(integer.hexadecimal.c_str(), nullptr, 16));
+    }
     Ref operator()(double real) const { return to_python(real); }
     Ref operator()(const Blob& blob) const {
         return owned(PyBytes_FromStringAndSize(blob.bytes.data(),
@@ -115,7 +117,8 @@ LastError to_last_error(PyObject* value) {
         return make(std::string(Text(value).text));
     }
     if (PyLong_Check(value)) {
-        return make(to_count(value));
+        const auto digits = owned(PyNumber_ToBase(value, 16));
+        return make(Integer{std::string(Text(digits).text)});
     }
     if (PyFloat_Check(value)) {
         return make(PyFloat_AS_DOUBLE(value));
