@@ -53,3 +53,6 @@ def test_the_daemons_objects_are_attributes_of_the_module(monkeypatch):
     assert "get_timing_collector" not in vars(health)
     monkeypatch.setitem(sys.modules, "quillet.utils.process", None)
     assert not hasattr(health, "thread_census") and not hasattr(health, "weather")
+    monkeypatch.delattr(health, "__name__")
+    with pytest.raises(AttributeError, match="module 'quillet.*' has no attribute 'weather'"):
+        health.weather

@@ -2,8 +2,10 @@
 
 import os
 import signal
+import subprocess
 import sys
 import threading
+from glob import glob
 
 import pytest
 from conftest import call
@@ -99,10 +101,29 @@ def test_a_failed_write_waits_for_nobody(tracker, repository, hold, write):
     t, holds = tracker(), []
     call(t)
     t.record_success("a")
-    with pytest.MonkeyPatch.context() as patch:
-        patch.setattr(repository.db, write, fail, raising=False)
-        with pytest.raises(OSError, match="no luck"):
-            t.flush()
+    setattr(repository.db, write, fail)
+    with pytest.raises(OSError, match="no luck"):
+        t.flush()
+    delattr(repository.db, write)
     assert not holds[0].is_set() and holds[0].set() is None
     assert (t._dirty, t._usage_dirty) == ({"a"} if write == "executemany" else set(), True)
     assert t.flush() == (2 if write == "executemany" else 1) and not t.has_unsaved_changes
+
+
+LATE = """
+import os
+from conftest import Stored, health
+t = health.ToolHealthTracker(Stored(), 1)
+os.environ["FAKETIME"] = "+300y"
+t.record_success("a")
+assert t._state["a"].updated_at > 9.3e9
+"""
+
+
+# A wait until a time of a clock that is an hour ahead lasts as long as where it is set back.
+@pytest.mark.parametrize("program", [("-m", "pytest", "-k", "serves_signals"), ("-c", LATE)])
+def test_a_clock_that_is_set_holds_nothing_up(program):
+    faked = {"FAKETIME": "+1h", "FAKETIME_NO_CACHE": "1", "FAKETIME_DONT_FAKE_MONOTONIC": "1"}
+    preloaded = [os.environ.get("LD_PRELOAD", ""), *glob("/usr/lib/*/faketime/libfaketimeMT.so.1")]
+    faked |= {"LD_PRELOAD": " ".join(preloaded), "PYTHONPATH": os.pathsep.join(sys.path)}
+    subprocess.run([sys.executable, *program, __file__], env=os.environ | faked, check=True)

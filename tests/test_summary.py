@@ -100,24 +100,23 @@ threading.Event().wait(0.2)
 """
 # The row goes with the IndexError that it causes, and lets go of the interpreter lock meanwhile.
 ENDING_AMID_AN_ERROR = """
-import sys, threading, time, types
+import sys, threading, time
 from quillet.tool_handlers import health
 class Row(list):
-    def __del__(self):
-        time.sleep(0.2)
+    __del__ = lambda self: time.sleep(0.2)
 class Repository:
     class db:
         fetchall = lambda sql: (Row() for _ in range(1))
 class Late:
-    def __del__(self, sleep=time.sleep):
-        sleep(0.4)
-sys.modules["late"] = types.SimpleNamespace(late=Late())
+    __del__ = lambda self, sleep=time.sleep: sleep(0.4)
+sys.modules["late"] = Late()
 threading.Thread(target=health.ToolHealthTracker, args=(Repository, 1), daemon=True).start()
 time.sleep(0.05)
 """
+SUBINTERPRETER = "import _testcapi; _testcapi.run_in_subinterp('')"
 
 
-@pytest.mark.parametrize("program", [ENDING, ENDING_AMID_AN_ERROR])
+@pytest.mark.parametrize("program", [ENDING, SUBINTERPRETER + ENDING, ENDING_AMID_AN_ERROR])
 def test_the_interpreter_ends_amid_calls(program):
     """It unwinds the threads that it ends, and they do not hold its lock then."""
     for _ in range(4):
