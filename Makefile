@@ -47,7 +47,7 @@ test: build build/sanitized/build.ninja ## test the core, plainly and under sani
 
 # The module's tests again, each time against a build of the module of its own. The sanitizers lose
 # track of the stack of a thread that is unwound from outside, as the interpreter's end does it.
-check: build $(CHECKS:%=build/%/build.ninja) ## test under sanitizers, without memory and with kills, and count references
+check: build $(CHECKS:%=build/%/build.ninja) ## test under sanitizers, without memory, with kills, on other versions, and count references
 	$(call INSTALL_CHECKED,sanitized)
 	$(call CHECKED,sanitized,asan) $(VENV)/bin/python -m pytest $(NO_ENDING)
 	$(call INSTALL_CHECKED,threads)
@@ -57,6 +57,7 @@ check: build $(CHECKS:%=build/%/build.ninja) ## test under sanitizers, without m
 	ninja --quiet -C build/release tests/libfailing_new.so
 	LD_PRELOAD=build/release/tests/libfailing_new.so $(VENV)/bin/python tests/memory.py
 	$(VENV)/bin/python tests/kills.py
+	tools/check-versions
 
 lint: build/release/build.ninja ## check the form of what changed since it was last in order
 	@ninja --quiet -C build/release >build/ninja.log || { cat build/ninja.log; exit 1; }
