@@ -121,7 +121,8 @@ class ToolHealthTracker:
             limits: the settings, with `disable_after_errors` (a number of calls) and
                 `disable_cooldown_s` (seconds); a default ToolsConfig when None.
 
-        Raises OverflowError, TypeError or ValueError for a stored row that does not convert.
+        Raises IndexError, OverflowError, TypeError or ValueError for a stored row that does not
+        convert; a constructor that failed can be called again.
         """
     @property
     def limits(self) -> _Limits:
