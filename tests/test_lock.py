@@ -12,35 +12,25 @@ from conftest import call
 from quillet.tool_handlers import health
 
 
-def interrupt(frame):
+def interrupt():
     raise InterruptedError
 
 
 @pytest.fixture
-def soon():
-    """Has a function called in a moment, by another thread."""
+def signalled():
+    """Sends this process a signal soon, and lets `handler` handle it."""
     before, timers = signal.getsignal(signal.SIGUSR1), []
 
-    def soon(seconds, function, *arguments):
-        timers.append(threading.Timer(seconds, function, arguments))
+    def signalled(handler):
+        signal.signal(signal.SIGUSR1, lambda *_: handler())
+        timers.append(threading.Timer(0.05, os.kill, (os.getpid(), signal.SIGUSR1)))
         timers[-1].start()
 
-    yield soon
+    yield signalled
     signal.signal(signal.SIGUSR1, signal.SIG_IGN)  # where a test fails, one is still to come
     for timer in timers:
         timer.join()
     signal.signal(signal.SIGUSR1, before)
-
-
-@pytest.fixture
-def signalled(soon):
-    """Sends this process a signal soon, and lets `handler` handle it where it comes."""
-
-    def signalled(handler):
-        signal.signal(signal.SIGUSR1, lambda _, frame: handler(frame))
-        soon(0.05, os.kill, os.getpid(), signal.SIGUSR1)
-
-    return signalled
 
 
 @pytest.fixture
@@ -75,7 +65,7 @@ def test_a_waiting_call_serves_signals(tracker, hold, signalled, trace):
     threading.settrace(trace)
     over = hold(t)
     threading.settrace(sys.gettrace())
-    signalled(lambda frame: over.set())
+    signalled(over.set)
     t.record_success("a")
     assert t._state["a"].call_count == 1
 
