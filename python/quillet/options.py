@@ -8,7 +8,8 @@ from pathlib import Path
 from quillet.call_lines import CALL_FORM, MAX_LINE_CHARS, WAIT_FORM
 from quillet.repository import DATABASE
 from quillet.tool_handlers.health import __version__
-from quillet.tool_registry import TOOLS, Handler
+from quillet.tool_registry import TOOLS
+from quillet.tool_schemas import Handler
 
 LINES = f"""\
 lines, each of at most {MAX_LINE_CHARS:,} characters:

@@ -1,12 +1,9 @@
 """The tools that the daemon serves, with their handlers and the synonyms that agents may use."""
 
-from collections.abc import Callable
 from dataclasses import dataclass, field
-from typing import Any
 
 from quillet.tool_handlers import embedding, files, status
-
-Handler = Callable[..., Any]
+from quillet.tool_schemas import Handler
 
 
 @dataclass(frozen=True)

@@ -5,7 +5,8 @@ from dataclasses import dataclass
 from reprlib import repr as shortened
 from typing import Any
 
-from quillet.tool_registry import TOOLS, Handler, ToolSpec
+from quillet.tool_registry import TOOLS, ToolSpec
+from quillet.tool_schemas import Handler
 
 
 class UnclearCall(Exception):

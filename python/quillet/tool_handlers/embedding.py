@@ -7,7 +7,7 @@ import hashlib
 import os
 import threading
 from concurrent.futures import ThreadPoolExecutor
-from typing import Any
+from typing import Annotated, Any
 
 from quillet.tool_handlers.context import ToolContext
 
@@ -17,7 +17,7 @@ MAX_TEAM_SIZE = 64
 _kept = threading.local()
 
 
-def embed_text(context: ToolContext, text: str) -> dict[str, Any]:
+def embed_text(context: ToolContext, text: Annotated[str, "what to embed"]) -> dict[str, Any]:
     """A text's vector, which here is its digest."""
     if not hasattr(_kept, "team"):
         _kept.team = _start_team()

@@ -5,7 +5,7 @@ from collections import Counter
 from collections.abc import Iterator
 from itertools import islice
 from pathlib import Path
-from typing import Any
+from typing import Annotated, Any
 
 from quillet.repository import OWN_FOLDER
 from quillet.tool_handlers.context import ToolContext
@@ -15,24 +15,31 @@ MAX_FILE_BYTES = 1_000_000
 MAX_ROWS = 100
 MAX_LINE_CHARS = 200
 LANGUAGES = {".cpp": "C++", ".hpp": "C++", ".py": "Python", ".md": "Markdown", ".toml": "TOML"}
+Place = Annotated[str, "a file or folder, from the repository's root"]
 
 
-def search_text(context: ToolContext, text: str, path: str = ".") -> dict[str, Any]:
-    """The lines that hold a text, in one file or all files below a folder."""
+def search_text(
+    context: ToolContext, text: Annotated[str, "what to find"], path: Place = "."
+) -> dict[str, Any]:
+    """Finds the lines that hold a text, in one file or all files below a folder."""
     found = list(islice(_matches(context.root, path, text), MAX_ROWS + 1))
     return {"matches": found[:MAX_ROWS], "more": len(found) > MAX_ROWS}
 
 
-def read_file(context: ToolContext, path: str, first_line: int = 1) -> dict[str, Any]:
-    """A file's lines from one on, as many as an answer may hold."""
+def read_file(
+    context: ToolContext,
+    path: Annotated[str, "the file, from the repository's root"],
+    first_line: Annotated[int, "where to start; the first is 1"] = 1,
+) -> dict[str, Any]:
+    """Reads a text file's lines, at most 100 from a given one on."""
     lines = _read_lines(_inside(context.root, path))
     skipped = max(first_line, 1) - 1
     shown = [line[:MAX_LINE_CHARS] for line in lines[skipped : skipped + MAX_ROWS]]
     return {"path": path, "first_line": skipped + 1, "lines": shown, "lines_in_file": len(lines)}
 
 
-def count_lines(context: ToolContext, path: str = ".") -> dict[str, int]:
-    """The number of lines in each language, the most first."""
+def count_lines(context: ToolContext, path: Place = ".") -> dict[str, int]:
+    """Counts the lines in each language, of one file or all files below a folder."""
     counts: Counter[str] = Counter()
     for file, lines in _text_files(context.root, path):
         counts[LANGUAGES.get(file.suffix, "other")] += len(lines)

@@ -9,7 +9,7 @@ from quillet.utils.process import thread_census
 
 
 def perf_stats(context: ToolContext) -> dict[str, Any]:
-    """The tools' health, how long a disabled one stays so, and the threads."""
+    """Tells how each tool fares, how long a disabled one stays so, and the threads."""
     return {
         "tools": context.tracker.get_health_summary(),
         "cooldown_s": context.tracker.cooldown_s,
@@ -18,10 +18,10 @@ def perf_stats(context: ToolContext) -> dict[str, Any]:
 
 
 def threads(context: ToolContext) -> Mapping[str, Any]:
-    """The process's threads against the most that the pools allow."""
+    """Counts the daemon's threads against the most that its pools allow."""
     return health.thread_census_report(context.thread_budget, thread_census())
 
 
 def tool_performance_stats(context: ToolContext) -> Mapping[str, Any]:
-    """The times that the tools took in this process."""
+    """Tells how long the tools took since the daemon started."""
     return health.handle_get_tool_performance_stats()
