@@ -109,9 +109,9 @@ def test_embed_text_ends_without_a_thread_and_works_again(daemon, monkeypatch):
 
 
 def test_disabling_and_return_are_told_and_a_cancelled_call_counts(daemon, monkeypatch, caplog):
-    def held(file, read=files._read_lines):
+    def held(root, file, read=files._read_lines):
         daemon.begun.set()
-        return daemon.go.wait() and read(file)
+        return daemon.go.wait() and read(root, file)
 
     async def fail_beside_a_call_that_is_cancelled_with_the_loop():
         outlasting = asyncio.create_task(play(daemon, READ))

@@ -6,6 +6,10 @@ from dataclasses import dataclass
 from pathlib import Path
 from typing import Any
 
+from quillet.plain_files import read_plain
+
+MAX_BYTES = 100_000
+
 
 @dataclass(frozen=True)
 class ToolsConfig:
@@ -24,7 +28,7 @@ _KINDS: dict[str, tuple[Any, str]] = {
 def read_tools_config(path: Path) -> ToolsConfig:
     """The settings in the file's [tools] table; a ValueError says what is wrong with them."""
     try:
-        tables = tomllib.loads(path.read_text(encoding="utf-8"))
+        tables = tomllib.loads(read_plain(path, MAX_BYTES)[0].decode("utf-8"))
         table = tables.pop("tools", {})
         if tables:
             raise ValueError(f"{', '.join(tables)} is not a setting, only the table [tools] is")

@@ -1,19 +1,31 @@
 """The SQLite database that a daemon has to itself."""
 
 import fcntl
+import os
 import sqlite3
 import threading
 import time
 from collections.abc import Iterator, Sequence
-from contextlib import contextmanager
+from contextlib import contextmanager, suppress
 from functools import partial
 from pathlib import Path
-from typing import Any, TextIO
+from typing import Any, BinaryIO
+
+from quillet.plain_files import refuse_unless_plain
 
 BUSY_TIMEOUT_S = 10
 CLAIM_TIMEOUT_S = 1.0  # for a daemon that is just ending
 ESCAPED = "backslashreplace"  # what is not UTF-8
+# So ends a journal that names a further one: SQLite would delete the file of that name, wherever.
+SUPER_JOURNAL = bytes.fromhex("d9d505f920a163d7")
+# Views, triggers, virtual tables, computed columns and computed indexes.
+NO_PLAIN_TABLES = """
+    SELECT type, name FROM sqlite_schema AS entry
+    WHERE NOT (type IS 'table' AND rootpage > 0 OR type IS 'index' AND sql IS NULL)
+        OR EXISTS (SELECT 1 FROM pragma_table_xinfo(entry.name) WHERE hidden)
+"""
 SCHEMA = """
+    PRAGMA ignore_check_constraints = ON;
     PRAGMA journal_mode = WAL;
     PRAGMA synchronous = FULL;
     CREATE TABLE IF NOT EXISTS tool_health (
@@ -35,8 +47,9 @@ class Database:
     """
 
     def __init__(self, path: Path) -> None:
-        self.path = path.resolve()
+        self.path = path.parent.resolve() / path.name
         self._lock = threading.Lock()
+        refuse_strange_files(self.path)
         self._claim = _claim(self.path)
         with self._naming_the_file():
             self._connection = sqlite3.connect(
@@ -44,6 +57,7 @@ class Database:
             )
             # A text that was damaged from outside does not hide the others.
             self._connection.text_factory = partial(str, encoding="utf-8", errors=ESCAPED)
+            refuse_schema_code(self._connection)
             self._connection.executescript(SCHEMA)
         self._file = _identity(self.path)
 
@@ -85,12 +99,31 @@ class Database:
             raise type(error)(f"{self.path}: {error}") from error
 
 
-def _claim(path: Path) -> TextIO:
+def refuse_strange_files(path: Path) -> None:
+    """An OSError when a database's file, or one that SQLite keeps beside it, leads to another."""
+    for suffix in ("", "-wal", "-shm", "-journal", ".lock"):
+        refuse_unless_plain(Path(f"{path}{suffix}"))
+    with suppress(FileNotFoundError), open(f"{path}-journal", "rb") as journal:
+        journal.seek(max(0, os.fstat(journal.fileno()).st_size - len(SUPER_JOURNAL)))
+        if journal.read(len(SUPER_JOURNAL)) == SUPER_JOURNAL:
+            raise OSError(f"{path}-journal is not of a daemon's making")
+
+
+def refuse_schema_code(connection: sqlite3.Connection) -> None:
+    """An error for a database that runs code of its own when its tables are read or written."""
+    found = connection.execute(NO_PLAIN_TABLES).fetchone()
+    if found:
+        raise sqlite3.DatabaseError(f"has the {found[0]} {found[1]!r}, only plain tables are used")
+
+
+def _claim(path: Path) -> BinaryIO:
     """The database's lock file, held until it is closed or the process ends.
 
     It is never removed: two daemons would each hold a file of that name.
     """
-    file = open(f"{path}.lock", "w", encoding="utf-8")
+    # Neither a link is followed nor a pipe waited for, and what is in the file stays.
+    flags = os.O_RDWR | os.O_CREAT | os.O_NOFOLLOW | os.O_NONBLOCK
+    file = open(f"{path}.lock", "rb", opener=lambda name, _: os.open(name, flags, 0o666))
     deadline = time.monotonic() + CLAIM_TIMEOUT_S
     while True:
         try:

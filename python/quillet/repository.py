@@ -16,7 +16,7 @@ class Repository:
         self.root = root.resolve()
         if not self.root.is_dir():
             raise NotADirectoryError(f"{root} is not a folder")
-        path = database or self.root / DATABASE
+        path = database or database_in(self.root)
         path.parent.mkdir(parents=True, exist_ok=True)
         self.db = Database(path)
 
@@ -25,3 +25,11 @@ class Repository:
 
     def __exit__(self, *_: object) -> None:
         self.db.close()
+
+
+def database_in(root: Path) -> Path:
+    """A served folder's own database; an OSError when the way there leads elsewhere."""
+    path = root / DATABASE
+    if path.parent.is_symlink():
+        raise NotADirectoryError(f"{path.parent} is a link")
+    return path

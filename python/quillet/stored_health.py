@@ -8,6 +8,7 @@ from pathlib import Path
 from typing import Any, Self
 
 from quillet.config import ToolsConfig
+from quillet.database import refuse_schema_code, refuse_strange_files
 from quillet.tool_handlers import health
 
 BUSY_TIMEOUT_S = 1
@@ -38,9 +39,11 @@ def read_stored_health(
 
 def _read(database: Path) -> tuple[list[Row], Row | None]:
     """The rows of the tools, and the row of the usage document."""
+    refuse_strange_files(database)
     database.open("rb").close()  # its error says more than SQLite's
     try:
         with closing(_connect(database.resolve())) as connection:
+            refuse_schema_code(connection)
             rows = connection.execute(
                 f"SELECT {health._TOOL_HEALTH_COLUMNS} FROM tool_health"
             ).fetchall()

@@ -9,15 +9,15 @@ from typing import Any
 from quillet.config import ToolsConfig, read_tools_config
 from quillet.next_try import next_try
 from quillet.rendering import json_text, status_text
-from quillet.repository import OWN_FOLDER
+from quillet.repository import database_in
 from quillet.stored_health import read_stored_health
 
 
 def main(arguments: Sequence[str]) -> int:
     """Shows the status; returns its exit status: 2 when the database or a setting is wrong."""
     options = _options(arguments)
-    database = options.database or options.repository / OWN_FOLDER / "quillet.db"
     try:
+        database = options.database or database_in(options.repository)
         config = read_tools_config(options.config) if options.config else ToolsConfig()
         status = stored_status(database, config)
     except (OSError, ValueError) as error:

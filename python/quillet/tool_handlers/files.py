@@ -7,6 +7,7 @@ from itertools import islice
 from pathlib import Path
 from typing import Annotated, Any
 
+from quillet.plain_files import read_plain
 from quillet.repository import OWN_FOLDER
 from quillet.tool_handlers.context import ToolContext
 
@@ -32,7 +33,7 @@ def read_file(
     first_line: Annotated[int, "where to start; the first is 1"] = 1,
 ) -> dict[str, Any]:
     """Reads a text file's lines, at most 100 from a given one on."""
-    lines = _read_lines(_inside(context.root, path))
+    lines = _read_lines(context.root, _inside(context.root, path))
     skipped = max(first_line, 1) - 1
     shown = [line[:MAX_LINE_CHARS] for line in lines[skipped : skipped + MAX_ROWS]]
     return {"path": path, "first_line": skipped + 1, "lines": shown, "lines_in_file": len(lines)}
@@ -57,7 +58,7 @@ def _text_files(root: Path, path: str) -> Iterator[tuple[Path, list[str]]]:
     """The files, named from the root, with their lines; those that cannot be read are left out."""
     for file in _files(_inside(root, path)):
         try:
-            yield file.relative_to(root), _read_lines(file)
+            yield file.relative_to(root), _read_lines(root, file)
         except (OSError, ValueError):
             continue
 
@@ -87,17 +88,20 @@ def _entries(folder: Path) -> list[Path]:
 def _inside(root: Path, path: str) -> Path:
     """The file or folder that a call names, links followed."""
     found = (root / path).resolve()
-    if not found.is_relative_to(root) or SKIPPED_FOLDERS & set(found.relative_to(root).parts):
-        raise PermissionError(f"{path} is not among the repository's files")
+    _refuse_outside(root, found, path)
     if not found.exists():
         raise FileNotFoundError(f"there is no {path} in the repository")
     return found
 
 
-def _read_lines(file: Path) -> list[str]:
-    if not file.is_file() or file.stat().st_size > MAX_FILE_BYTES:
-        raise ValueError(f"{file.name} is not a file of at most {MAX_FILE_BYTES} bytes")
-    data = file.read_bytes()
+def _refuse_outside(root: Path, found: Path, path: object) -> None:
+    if not found.is_relative_to(root) or SKIPPED_FOLDERS & set(found.relative_to(root).parts):
+        raise PermissionError(f"{path} is not among the repository's files")
+
+
+def _read_lines(root: Path, file: Path) -> list[str]:
+    data, place = read_plain(file, MAX_FILE_BYTES)
+    _refuse_outside(root, place, file.name)
     if b"\0" in data:
         raise ValueError(f"{file.name} is not a text file")
     return [line.decode("utf-8", "replace") for line in data.splitlines()]

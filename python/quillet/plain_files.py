@@ -1,0 +1,33 @@
+"""Plain files alone: what lies in a folder of somebody else's may be a link, a pipe or a device."""
+
+import os
+import stat
+from pathlib import Path
+
+
+def read_plain(path: Path, limit: int) -> tuple[bytes, Path]:
+    """A file's content, and where it really is, links followed.
+
+    It is opened first and asked then, as it may be swapped for another at any time.
+    """
+    # A path alone is opened: no pipe waits for its other end, no device does anything.
+    place = os.open(path, os.O_PATH | os.O_CLOEXEC)
+    try:
+        status = os.fstat(place)
+        opened = f"/proc/self/fd/{place}"
+        if not stat.S_ISREG(status.st_mode) or status.st_size > limit:
+            raise ValueError(f"{path} is not a file of at most {limit:,} bytes")
+        with open(opened, "rb") as file:
+            return file.read(limit), Path(os.readlink(opened))
+    finally:
+        os.close(place)
+
+
+def refuse_unless_plain(path: Path) -> None:
+    """An OSError for what is there and is no plain file; a link is none."""
+    try:
+        mode = os.lstat(path).st_mode
+    except FileNotFoundError:
+        return
+    if not stat.S_ISREG(mode):
+        raise OSError(f"{path} is not a plain file")
