@@ -3,7 +3,6 @@
 import asyncio
 import time
 from collections.abc import Mapping
-from concurrent.futures import ThreadPoolExecutor
 from dataclasses import dataclass
 from enum import StrEnum
 from typing import Any, Self
@@ -14,6 +13,7 @@ from quillet.repository import Repository
 from quillet.tool_handlers.context import ToolContext
 from quillet.tool_handlers.health import ToolHealthTracker
 from quillet.tool_schemas import argument_problem
+from quillet.utils.pools import started_pool
 from quillet.utils.timing import get_timing_collector
 
 HANDLER_THREADS = 4
@@ -47,7 +47,7 @@ class ToolPipeline:
         self._tracker = tracker
         self._disabled_tools = DisabledTools(tracker)
         self._context = ToolContext(repository.root, tracker, THREAD_BUDGET)
-        self._handlers = ThreadPoolExecutor(HANDLER_THREADS, thread_name_prefix="tool")
+        self._handlers = started_pool(HANDLER_THREADS, "tool")
 
     def __enter__(self) -> Self:
         return self
@@ -81,8 +81,8 @@ class ToolPipeline:
         started = time.perf_counter()
         try:
             content = call.handler(self._context, **call.arguments)
-        except Exception as error:
-            failure = f"{type(error).__name__}: {error}"[:MAX_ERROR_CHARS]
+        except BaseException as error:  # SystemExit, too, is an error of the tool
+            failure = _error_text(error)
         elapsed_ms = (time.perf_counter() - started) * 1000
         get_timing_collector().record(call.tool, elapsed_ms, error=failure is not None)
         if failure is not None:
@@ -100,3 +100,12 @@ class ToolPipeline:
             call.tool, call.action, outcome, alias_hit=call.alias_hit, duration_ms=duration_ms
         )
         return Answer(outcome, call.action, duration_ms, content)
+
+
+def _error_text(error: BaseException) -> str:
+    """The error in words, whatever its class does when asked for them."""
+    try:
+        words = str(error)
+    except BaseException as second:
+        words = f"its text cannot be had: {type(second).__name__}"
+    return f"{type(error).__name__}: {words}"[:MAX_ERROR_CHARS]

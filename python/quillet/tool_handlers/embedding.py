@@ -10,6 +10,7 @@ from concurrent.futures import ThreadPoolExecutor
 from typing import Annotated, Any
 
 from quillet.tool_handlers.context import ToolContext
+from quillet.utils.pools import started_pool
 
 OWN_TEAM_SIZE = 8
 MAX_TEAM_SIZE = 64
@@ -27,13 +28,4 @@ def embed_text(context: ToolContext, text: Annotated[str, "what to embed"]) -> d
 
 def _start_team() -> ThreadPoolExecutor:
     allowed = int(os.environ.get("QUILLET_EMBED_THREADS", "0"))
-    size = min(allowed or OWN_TEAM_SIZE, MAX_TEAM_SIZE)
-    team = ThreadPoolExecutor(size, thread_name_prefix="embedding")
-    all_started = threading.Barrier(size)
-    try:
-        list(team.map(lambda _: all_started.wait(), range(size)))
-    except RuntimeError:  # the system has no thread left: those that wait for it are let go
-        all_started.abort()
-        team.shutdown(cancel_futures=True)
-        raise
-    return team
+    return started_pool(min(allowed or OWN_TEAM_SIZE, MAX_TEAM_SIZE), "embedding")
