@@ -6,7 +6,8 @@ VENV := .venv
 SITE_PACKAGES := $(CURDIR)/$(VENV)/lib/python3.11/site-packages
 INSTALL_HERE := -Ddevelopment=true -Dpython.platlibdir="$(SITE_PACKAGES)" \
 	-Dpython.purelibdir="$(SITE_PACKAGES)"
-PLAY := $(VENV)/bin/python -P -m quillet --repository . --config examples/config.toml \
+REBUILD := ninja --quiet -C build/release >build/ninja.log || { cat build/ninja.log; exit 1; }
+PLAY := $(VENV)/bin/quillet play --repository . --config examples/config.toml \
 	--database build/example.db
 
 # A build for `make check` is installed within itself, and loaded with its sanitizer's runtime.
@@ -28,17 +29,15 @@ export PYTHONDONTWRITEBYTECODE := 1
 help: ## show this list
 	@sed -n 's/^\([a-z]*\):.*## /  make \1\t/p' $(MAKEFILE_LIST) | expand -t 16
 
-build: build/release/build.ninja ## build the module, and install it with the stand-in into .venv
-	ninja --quiet -C build/release
-	$(MESON) install -C build/release --only-changed --quiet
+build: build/release/build.ninja $(VENV)/bin/quillet ## build the module, and install it with the stand-in into .venv
+	@$(REBUILD)
+	@$(MESON) install -C build/release --no-rebuild --only-changed --quiet
 
-run: build ## play tool calls against this checkout and a real SQLite file
+run: build ## let an agent call the tools of this checkout, over MCP and a real SQLite file
 	@rm -f build/example.db*
-	@$(PLAY) --text examples/first_run.jsonl
+	@$(PLAY) examples/first_run.jsonl
 	@echo
-	@$(PLAY) --text examples/second_run.jsonl
-	@echo
-	@$(PLAY) --text examples/threads.jsonl
+	@$(PLAY) examples/second_run.jsonl
 
 test: build build/sanitized/build.ninja ## test the core, plainly and under sanitizers, and the module
 	$(MESON) test -C build/release --print-errorlogs
@@ -60,7 +59,7 @@ check: build $(CHECKS:%=build/%/build.ninja) ## test under sanitizers, without m
 	tools/check-versions
 
 lint: build/release/build.ninja ## check the form of what changed since it was last in order
-	@ninja --quiet -C build/release >build/ninja.log || { cat build/ninja.log; exit 1; }
+	@$(REBUILD)
 	@$(MAKE) --no-print-directory -k -O -j2 lint-files
 
 bench: build ## measure beside a plain class; JSON=FILE and PLOT=FILE.svg keep the figures
@@ -74,6 +73,9 @@ packages: ## install what is missing from Debian's packages
 
 $(VENV)/bin/activate: | packages
 	$(PYTHON) -m venv --system-site-packages --without-pip $(VENV)
+
+$(VENV)/bin/quillet: python/quillet.sh | $(VENV)/bin/activate
+	@install -m 755 $< $@
 
 # A set-up that was interrupted left no build.ninja, and is done again from the start. The first build
 # takes a while, and shows how far it is.

@@ -1,17 +1,21 @@
-"""The whole stand-in daemon, and the terms that its parts keep for the module."""
+"""What the daemon's parts keep: what is told of disabled tools, what is saved, what is refused."""
 
-import asyncio
+import os
+import re
 import sqlite3
-import subprocess
-import sys
 import threading
+import time
+from contextlib import closing
+from types import SimpleNamespace
 
 import pytest
-from quillet.call_lines import parse_line
 from quillet.config import ToolsConfig, read_tools_config
-from quillet.daemon.tool_pipeline import ToolPipeline
-from quillet.repository import Repository
-from quillet.tool_handlers import health
+from quillet.daemon import flusher
+from quillet.daemon.disabled_tools import DisabledTools
+from quillet.repository import Repository, database_in
+from quillet.stored_health import read_stored_health
+from quillet.tool_handlers import embedding, files, health
+from quillet.utils.process import thread_census
 
 
 @pytest.fixture
@@ -19,81 +23,144 @@ def daemon():
     """The stand-in's own registry, in place of the tests'."""
 
 
-def test_calls_from_a_loop_do_not_wait_for_the_database(tmp_path, monkeypatch):
-    (tmp_path / "there.txt").write_text("text\n")
-    with Repository(tmp_path) as repository:
-        tracker = health.ToolHealthTracker(repository, ToolsConfig(10**6))
-        other = sqlite3.connect(tmp_path / ".quillet" / "quillet.db", isolation_level=None)
-        write, writing = repository.db.executemany, threading.Event()
-        monkeypatch.setattr(repository.db, "executemany", lambda *a: writing.set() or write(*a))
+def test_disabling_and_return_are_told_once(repository, caplog):
+    caplog.set_level("INFO")
+    tracker, started = health.ToolHealthTracker(repository, ToolsConfig(1, 999)), time.time()
+    tracker.record_error("count_lines", "e")
+    told = DisabledTools(tracker)
+    for tool in ["read_file"] * 2:
+        tracker.record_error(tool, "e")
+        told.failed(tool)
+    for tool in ("count_lines", "count_lines", "status"):
+        told.is_back(tool, "why")
+    disabling, enabling = caplog.messages
+    when = r"it is tried again at (\d{4}-\d\d-\d\d \d\d:\d\d:\d\d) UTC, in (999|1000) s"
+    answer = re.fullmatch(f"read_file kept failing and is disabled; {when}", disabling)
+    assert health._epoch(answer[1]) >= started + 999  # never too early
+    assert enabling == "count_lines is enabled again: why"
 
-        async def play(pipeline):
-            tracker.record_success("status")
-            other.execute("BEGIN IMMEDIATE")
-            flush = asyncio.create_task(asyncio.to_thread(tracker.flush))
-            await asyncio.to_thread(writing.wait)
-            files = ["there.txt", "gone.txt"] * 100
-            await asyncio.gather(
-                *(pipeline.call("read_file", {"file": file}) for file in files),
-                *(pipeline.call("status", {"action": "perf_stats"}) for n in range(10)),
-            )
-            assert not flush.done()  # every call was reported while the database was held
-            other.execute("ROLLBACK")
-            await flush
 
-        with ToolPipeline(repository, tracker) as pipeline:
-            asyncio.run(play(pipeline))
-        other.close()
-        tracker.flush()
-        for known in (tracker, health.ToolHealthTracker(repository)):
-            counts = {name: (s.call_count, s.error_count) for name, s in known._state.items()}
-            assert counts == {"status": (11, 0), "read_file": (200, 100)}
-            assert {key: (u.calls, u.timed_calls) for key, u in known._usage.items()} == {
-                ("read_file", None, "ok", True): (100, 100),
-                ("read_file", None, "error", True): (100, 0),
-                ("status", "perf_stats", "ok", False): (10, 10),
-            }
+def test_a_failed_flush_is_told_and_tried_again(repository, caplog, monkeypatch):
+    monkeypatch.setattr(flusher, "PERIOD_S", 0.001)
+    repository.db.failures["executemany"] = sqlite3.OperationalError("the disk is full")
+    tracker = health.ToolHealthTracker(repository, ToolsConfig())
+    tracker.record_success("status")
+    with flusher.Flusher(tracker) as periodic:
+        while not caplog.messages:
+            time.sleep(0.001)
+        assert not periodic.saved and "the disk is full" in caplog.text
+        failed_at = periodic.saved_at
+        repository.db.failures.clear()
+        while tracker.has_unsaved_changes:
+            time.sleep(0.001)
+    assert periodic.saved and failed_at < periodic.saved_at <= time.time()
+
+
+def test_a_failed_write_leaves_nothing_behind(db):
+    with pytest.raises(sqlite3.IntegrityError):
+        db.executemany("INSERT INTO schema_info VALUES (?, '')", [("a",), ("a",)])
+    assert db.fetchall("SELECT * FROM schema_info") == []
+    assert db.fetchall("PRAGMA synchronous") == [(2,)]  # full: safe from power cuts
+    assert db.fetchall("PRAGMA journal_mode") == [("wal",)]  # readers and writer do not wait
+    db.execute("INSERT INTO schema_info VALUES ('k', ?)", ["caf\udce9"])
+    db.executemany("UPDATE schema_info SET key = ?", [["\udce9"]])
+    assert db.fetchone("SELECT * FROM schema_info", ()) == ("\\udce9", "caf\\udce9")
+
+
+def test_threads_that_cannot_be_started_leave_none_behind(monkeypatch):
+    def fail_at_the_fourth(thread, start=threading.Thread.start):
+        if thread.name == "embedding_3":
+            raise RuntimeError("can't start new thread")
+        start(thread)
+
+    monkeypatch.setenv("QUILLET_EMBED_THREADS", "99")
+    with monkeypatch.context() as patch, pytest.raises(RuntimeError, match="can't start"):
+        patch.setattr(threading.Thread, "start", fail_at_the_fourth)
+        embedding.embed_text(None, "text")
+    assert "embedding" not in thread_census().python_threads
+    assert len(embedding.embed_text(None, "text")["vector"]) == 8
+    assert thread_census().python_threads["embedding"] == 64
+    del embedding._kept.team
 
 
 @pytest.mark.parametrize(
-    "line",
-    ["{", "[]", "5", '{"tool": 5}', '{"tool": "a", "more": 1}', '{"tool": "a", "arguments": []}',
-     '{"wait_s": 5.01}', '{"wait_s": -1}', '{"wait_s": true}', "[" * 9999],
+    ("text", "named"),
+    [("[tools]\nx = 1", "tools.x"), ("[tools]\ndisable_after_errors = true", "a whole number"),
+     ("[tools]\ndisable_cooldown_s = '1'", "a number"), ("tools = 1", "the table"),
+     ("[tools]\ndisable_cooldown_s = -1", "not negative"), ("[more]", "the table"),
+     ("[tools]\ndisable_cooldown_s = inf", "finite"), ("[", "Invalid"), ("#" * 10**6, "100,000"),
+     ("a = " + "[" * 9999, "recursion")],
 )  # fmt: skip
-def test_lines_that_are_no_calls(line):
-    with pytest.raises(ValueError, match="neither|not JSON"):
-        parse_line(line)
-    assert parse_line("# a comment") is parse_line(" \n") is None
-    assert parse_line('{"wait_s": 5}') == {"wait_s": 5}
-    assert parse_line('{"tool": "a"}') == {"tool": "a", "arguments": {}}
-
-
-def test_wrong_settings_are_named(tmp_path):
+def test_wrong_settings_are_named(tmp_path, text, named):
     path = tmp_path / "config.toml"
-    for text, named in {
-        "[tools]\nx = 1": "tools.x",
-        "[tools]\ndisable_after_errors = true": "whole number",
-        "[tools]\ndisable_cooldown_s = -1": "negative",
-        "[tools]\ndisable_cooldown_s = inf": "finite",
-        "tools = 1": "table",
-        "[": "toml: Invalid",
-        "a = " + "[" * 9999: "recursion",
-    }.items():
-        path.write_text(text)
-        with pytest.raises(ValueError, match=named):
-            read_tools_config(path)
-    command = [sys.executable, "-P", "-m", "quillet", "--repository", tmp_path, "--config", path]
-    assert subprocess.run(command, stdin=subprocess.DEVNULL, stderr=subprocess.PIPE).returncode == 2
+    path.write_text(text)
+    with pytest.raises(ValueError, match=named):
+        read_tools_config(path)
+    path.write_text("[tools]\ndisable_cooldown_s = 300")
+    assert read_tools_config(path) == ToolsConfig(5, 300.0)
 
 
-def test_a_failed_write_leaves_nothing_behind(tmp_path):
-    with Repository(tmp_path) as repository:
-        with pytest.raises(sqlite3.IntegrityError):
-            repository.db.executemany("INSERT INTO schema_info VALUES (?, '')", [("a",), ("a",)])
-        assert repository.db.fetchall("SELECT * FROM schema_info") == []
-        repository.db.executemany("INSERT INTO schema_info VALUES (?, '')", [("caf\udce9",)])
-        repository.db.execute("DELETE FROM schema_info WHERE key = ?", ("caf\udce9",))
-        assert repository.db.fetchall("SELECT * FROM schema_info") == []
-        assert repository.db.fetchall("PRAGMA synchronous") == [(2,)]  # full: safe from power cuts
-        repository.db.execute("INSERT INTO schema_info VALUES ('k', ?)", ("caf\udce9",))
-        assert repository.db.fetchone("SELECT value FROM schema_info", ()) == ("caf\\udce9",)
+@pytest.fixture
+def root(tmp_path):
+    """A served folder, of which somebody else decides what lies in it."""
+    (tmp_path / "root" / ".quillet").mkdir(parents=True)
+    (tmp_path / "file").write_text("text\n")
+    return tmp_path / "root"
+
+
+def refused(root, error, words):
+    """For the daemon, for `status`, and with what is elsewhere as it was."""
+    with pytest.raises(error, match=words):
+        Repository(root)
+    with pytest.raises((OSError, ValueError), match=words):
+        read_stored_health(database_in(root), ToolsConfig())
+    assert (root.parent / "file").read_text() == "text\n" and len(os.listdir(root.parent)) == 2
+
+
+@pytest.mark.parametrize("name", [f"quillet.db{end}" for end in ("", "-wal", "-journal", ".lock")])
+@pytest.mark.parametrize("target", ["file", "new", "pipe"])
+def test_no_link_is_followed_and_no_pipe_waited_for(root, name, target):
+    place = root / ".quillet" / name
+    os.mkfifo(place) if target == "pipe" else place.symlink_to(root.parent / target)
+    refused(root, OSError, f"{name} is not a plain file")
+
+
+def test_neither_folder_nor_journal_leads_elsewhere(root):
+    own = root / ".quillet"
+    (own / "quillet.db").touch()
+    # So ends a journal that names a further one, which SQLite would delete.
+    (own / "quillet.db-journal").write_bytes(b"file\0\0\0\4\0\0\0\0\xd9\xd5\5\xf9\x20\xa1\x63\xd7")
+    refused(root, OSError, "journal is not of a daemon's making")
+    own.rename(root / "own")
+    own.symlink_to(root / "own")
+    refused(root, OSError, ".quillet is a link")
+
+
+@pytest.mark.parametrize(
+    "code",
+    ["CREATE VIEW tool_health AS WITH c(x) AS (SELECT 1 UNION SELECT x + 1 FROM c) SELECT * FROM c",
+     "CREATE TABLE t (a); CREATE TRIGGER u AFTER INSERT ON t BEGIN DELETE FROM t; END",
+     "CREATE VIRTUAL TABLE t USING fts5(a)",
+     "CREATE TABLE tool_health (a, tool_name AS (hex(zeroblob(500000000))))",
+     "CREATE TABLE t (a); CREATE INDEX u ON t (hex(zeroblob(500000000)))"],
+)  # fmt: skip
+def test_no_code_of_the_database_runs(root, code):
+    with closing(sqlite3.connect(root / ".quillet" / "quillet.db")) as other:
+        other.executescript(code)
+    refused(root, sqlite3.DatabaseError, "only plain tables are used")
+
+
+def test_only_what_is_served_is_read(root, monkeypatch):
+    here = SimpleNamespace(root=root)
+    (root / "out").symlink_to(root.parent)
+    (root / "a").write_text("text\n")
+    (root / ".quillet" / "a").write_text("text\n")
+    assert [match["path"] for match in files.search_text(here, "text")["matches"]] == ["a"]
+    paths = ["../file", f"{root.parent}/file", "out/file", ".quillet/a", "../" + "x" * 10**5]
+    for path in paths:
+        with pytest.raises(PermissionError, match="is not among the repository's files"):
+            files.read_file(here, path)
+    # A file may be swapped for a link once its name was found to be good.
+    monkeypatch.setattr(files, "_inside", lambda root, path: root / path)
+    with pytest.raises(PermissionError, match="is not among the repository's files"):
+        files.read_file(here, "out/file")

@@ -2,7 +2,6 @@
 
 import doctest
 import importlib.util
-import json
 import re
 import signal
 import sqlite3
@@ -93,7 +92,7 @@ def test_the_readme(tmp_path):
     assert run.stdout == printed, run.stderr
     [call] = [block for block in snippets("README.md", "sh") if "echo" in block]
     run = subprocess.run(call, shell=True, cwd=tmp_path, capture_output=True, text=True)
-    assert json.loads(run.stdout)["outcome"] == "ok", run.stderr
+    assert "notes.txt" in run.stdout, run.stderr
     needed = re.search(r"Debian 12's packages (.*?);", (ROOT / "README.md").read_text(), re.S)[1]
     packages = set(re.split(r",\s+|\s+and\s+", needed))
     assert packages <= set((ROOT / "packages.txt").read_text().split())

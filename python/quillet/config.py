@@ -8,8 +8,6 @@ from typing import Any
 
 from quillet.plain_files import read_plain
 
-MAX_BYTES = 100_000
-
 
 @dataclass(frozen=True)
 class ToolsConfig:
@@ -19,32 +17,26 @@ class ToolsConfig:
     disable_cooldown_s: float = 300.0
 
 
-_KINDS: dict[str, tuple[Any, str]] = {
-    "disable_after_errors": (int, "a whole number"),
-    "disable_cooldown_s": (int | float, "a number"),
-}
-
-
 def read_tools_config(path: Path) -> ToolsConfig:
     """The settings in the file's [tools] table; a ValueError says what is wrong with them."""
+    data, _ = read_plain(path, 100_000)
     try:
-        tables = tomllib.loads(read_plain(path, MAX_BYTES)[0].decode("utf-8"))
+        tables = tomllib.loads(data.decode())
         table = tables.pop("tools", {})
-        if tables:
-            raise ValueError(f"{', '.join(tables)} is not a setting, only the table [tools] is")
-        if not isinstance(table, dict):
-            raise ValueError("tools must be a table")
-        return ToolsConfig(**{key: _checked(key, value) for key, value in table.items()})
+        if tables or not isinstance(table, dict):
+            raise ValueError("the table [tools] is all that there is to set")
+        return ToolsConfig(**{name: _checked(name, value) for name, value in table.items()})
     except (ValueError, RecursionError) as error:
         raise ValueError(f"{path}: {error}") from error
 
 
-def _checked(key: str, value: Any) -> Any:
-    if key not in _KINDS:
-        raise ValueError(f"tools.{key} is not a setting, only {' and '.join(_KINDS)} are")
-    kind, description = _KINDS[key]
-    if isinstance(value, bool) or not isinstance(value, kind):
-        raise ValueError(f"tools.{key} must be {description}")
+def _checked(name: str, value: Any) -> Any:
+    kind = ToolsConfig.__annotations__.get(name)
+    if kind is None:
+        names = " and ".join(ToolsConfig.__annotations__)
+        raise ValueError(f"tools.{name} is not a setting, only {names} are")
+    if type(value) is not kind and type(value) is not int:  # a bool is no number
+        raise ValueError(f"tools.{name} must be a {'whole ' if kind is int else ''}number")
     if not 0 <= value <= sys.float_info.max:
-        raise ValueError(f"tools.{key} must be finite and not negative")
-    return type(getattr(ToolsConfig, key))(value)
+        raise ValueError(f"tools.{name} must be finite and not negative")
+    return kind(value)

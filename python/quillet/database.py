@@ -3,6 +3,7 @@
 import fcntl
 import os
 import sqlite3
+import stat
 import threading
 import time
 from collections.abc import Iterator, Sequence
@@ -10,8 +11,6 @@ from contextlib import contextmanager, suppress
 from functools import partial
 from pathlib import Path
 from typing import Any, BinaryIO
-
-from quillet.plain_files import refuse_unless_plain
 
 BUSY_TIMEOUT_S = 10
 CLAIM_TIMEOUT_S = 1.0  # for a daemon that is just ending
@@ -52,9 +51,7 @@ class Database:
         refuse_strange_files(self.path)
         self._claim = _claim(self.path)
         with self._naming_the_file():
-            self._connection = sqlite3.connect(
-                self.path, timeout=BUSY_TIMEOUT_S, check_same_thread=False
-            )
+            self._connection = sqlite3.connect(self.path, BUSY_TIMEOUT_S, check_same_thread=False)
             # A text that was damaged from outside does not hide the others.
             self._connection.text_factory = partial(str, encoding="utf-8", errors=ESCAPED)
             refuse_schema_code(self._connection)
@@ -65,10 +62,9 @@ class Database:
         with self._lock, self._naming_the_file():
             return self._connection.execute(sql).fetchall()
 
-    def fetchone(self, sql: str, parameters: Sequence[Any]) -> tuple[Any, ...] | None:
+    def fetchone(self, sql: str, parameters: Sequence[Any]) -> Any:
         with self._lock, self._naming_the_file():
-            row: tuple[Any, ...] | None = self._connection.execute(sql, parameters).fetchone()
-            return row
+            return self._connection.execute(sql, parameters).fetchone()
 
     def execute(self, sql: str, parameters: Sequence[Any]) -> None:
         with self._writing():
@@ -102,7 +98,9 @@ class Database:
 def refuse_strange_files(path: Path) -> None:
     """An OSError when a database's file, or one that SQLite keeps beside it, leads to another."""
     for suffix in ("", "-wal", "-shm", "-journal", ".lock"):
-        refuse_unless_plain(Path(f"{path}{suffix}"))
+        with suppress(FileNotFoundError):
+            if not stat.S_ISREG(os.lstat(f"{path}{suffix}").st_mode):
+                raise OSError(f"{path}{suffix} is not a plain file")
     with suppress(FileNotFoundError), open(f"{path}-journal", "rb") as journal:
         journal.seek(max(0, os.fstat(journal.fileno()).st_size - len(SUPER_JOURNAL)))
         if journal.read(len(SUPER_JOURNAL)) == SUPER_JOURNAL:
@@ -138,11 +136,10 @@ def _claim(path: Path) -> BinaryIO:
 
 def _identity(path: Path) -> tuple[int, int] | None:
     """Which file it is; None when there is none."""
-    try:
+    with suppress(FileNotFoundError):
         status = path.stat()
-    except FileNotFoundError:
-        return None
-    return status.st_dev, status.st_ino
+        return status.st_dev, status.st_ino
+    return None
 
 
 def _storable(values: Sequence[Any]) -> list[Any]:

@@ -1,4 +1,4 @@
-"""Plain files alone: what lies in a folder of somebody else's may be a link, a pipe or a device."""
+"""Reads plain files alone: what lies in a folder may be a link, a pipe or a device."""
 
 import os
 import stat
@@ -21,13 +21,3 @@ def read_plain(path: Path, limit: int) -> tuple[bytes, Path]:
             return file.read(limit), Path(os.readlink(opened))
     finally:
         os.close(place)
-
-
-def refuse_unless_plain(path: Path) -> None:
-    """An OSError for what is there and is no plain file; a link is none."""
-    try:
-        mode = os.lstat(path).st_mode
-    except FileNotFoundError:
-        return
-    if not stat.S_ISREG(mode):
-        raise OSError(f"{path} is not a plain file")

@@ -2,10 +2,10 @@
 
 import logging
 import sqlite3
-from collections.abc import Sequence
 from contextlib import closing
 from pathlib import Path
-from typing import Any, Self
+from types import SimpleNamespace
+from typing import Any
 
 from quillet.config import ToolsConfig
 from quillet.database import refuse_schema_code, refuse_strange_files
@@ -25,7 +25,8 @@ def read_stored_health(
     names a file that is missing, locked, damaged or not a daemon's.
     """
     rows, document = _read(database)
-    setattr(health, "TOOLS", _EveryTool())
+    any_action = SimpleNamespace(action=lambda name: "an action")
+    setattr(health, "TOOLS", SimpleNamespace(get=lambda tool: any_action))
     damaged: list[str] = []
     readable = [row for row in rows if _is_readable(row, config, damaged)]
 
@@ -34,7 +35,7 @@ def read_stored_health(
         return False
 
     health.logger.addFilter(keep_from_log)
-    return health.ToolHealthTracker(_Stored(readable, document), config), damaged
+    return health.ToolHealthTracker(_repository(readable, document), config), damaged
 
 
 def _read(database: Path) -> tuple[list[Row], Row | None]:
@@ -44,15 +45,11 @@ def _read(database: Path) -> tuple[list[Row], Row | None]:
     try:
         with closing(_connect(database.resolve())) as connection:
             refuse_schema_code(connection)
-            rows = connection.execute(
-                f"SELECT {health._TOOL_HEALTH_COLUMNS} FROM tool_health"
-            ).fetchall()
-            document = connection.execute(
-                "SELECT value FROM schema_info WHERE key = ?", (health.TOOL_USAGE_KEY,)
-            ).fetchone()
+            rows = connection.execute(f"SELECT {health._TOOL_HEALTH_COLUMNS} FROM tool_health")
+            usage = "SELECT value FROM schema_info WHERE key = ?"
+            return rows.fetchall(), connection.execute(usage, [health.TOOL_USAGE_KEY]).fetchone()
     except sqlite3.Error as error:
         raise ValueError(f"{database}: {error}") from error
-    return rows, document
 
 
 def _connect(database: Path) -> sqlite3.Connection:
@@ -66,33 +63,14 @@ def _connect(database: Path) -> sqlite3.Connection:
 
 def _is_readable(row: Row, config: ToolsConfig, damaged: list[str]) -> bool:
     try:
-        health.ToolHealthTracker(_Stored([row], None), config)
+        health.ToolHealthTracker(_repository([row], None), config)
     except (ValueError, TypeError, OverflowError) as error:
         damaged.append(f"Could not read the tool_health row of {row[0]!r}: {error}")
         return False
     return True
 
 
-class _Stored:
-    """A repository whose database holds what was read, and takes nothing."""
-
-    def __init__(self, rows: list[Row], document: Row | None) -> None:
-        self.db = self
-        self._rows = rows
-        self._document = document
-
-    def fetchall(self, sql: str) -> list[Row]:
-        return self._rows
-
-    def fetchone(self, sql: str, parameters: Sequence[Any]) -> Row | None:
-        return self._document
-
-
-class _EveryTool:
-    """A registry, and a tool of it, that has whatever it is asked for."""
-
-    def get(self, tool: object) -> Self:
-        return self
-
-    def action(self, name: object) -> Self:
-        return self
+def _repository(rows: list[Row], document: Row | None) -> Any:
+    """One whose database holds what was read."""
+    db = SimpleNamespace(fetchall=lambda sql: rows, fetchone=lambda sql, parameters: document)
+    return SimpleNamespace(db=db)

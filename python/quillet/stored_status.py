@@ -1,37 +1,41 @@
 """The program's command `status`: what the database holds of the tools' health."""
 
 import argparse
+import json
+import signal
 import sys
-from collections.abc import Sequence
-from pathlib import Path
 from typing import Any
 
 from quillet.config import ToolsConfig, read_tools_config
+from quillet.diagnostics import complain
+from quillet.display import status_text
 from quillet.next_try import next_try
-from quillet.rendering import json_text, status_text
+from quillet.protocol.results import plain
 from quillet.repository import database_in
 from quillet.stored_health import read_stored_health
 
 
-def main(arguments: Sequence[str]) -> int:
-    """Shows the status; returns its exit status: 2 when the database or a setting is wrong."""
-    options = _options(arguments)
+def main(options: argparse.Namespace) -> int:
+    """Shows the status; returns its exit status, 2 when the database or a setting is wrong."""
+    # As nothing is written, signals end it at once: amid a long statement, or when nobody reads on.
+    for number in (signal.SIGINT, signal.SIGPIPE):
+        signal.signal(number, signal.SIG_DFL)
     try:
-        database = options.database or database_in(options.repository)
-        config = read_tools_config(options.config) if options.config else ToolsConfig()
-        status = stored_status(database, config)
+        status = plain(_stored_status(options))
     except (OSError, ValueError) as error:
-        print(f"quillet: {error}", file=sys.stderr)
+        complain(error)
         return 2
-    print(status_text(status) if sys.stdout.isatty() else json_text(status))
-    return 0
+    as_text = options.text or (sys.stdout.isatty() and not options.json)
+    print(status_text(status) if as_text else json.dumps(status), flush=True)
+    if not options.check:
+        return 0
+    return 2 if status["damaged"] else int(any(tool["disabled"] for tool in status["tools"]))
 
 
-def stored_status(database: Path, config: ToolsConfig) -> dict[str, Any]:
-    """The summary of all tools, the worst first, with when the disabled ones are tried again.
-
-    Errors are those of `read_stored_health`.
-    """
+def _stored_status(options: argparse.Namespace) -> dict[str, Any]:
+    """The summary of all tools, the worst first, with when the disabled ones are tried again."""
+    config = read_tools_config(options.config) if options.config else ToolsConfig()
+    database = options.database or database_in(options.repository)
     tracker, damaged = read_stored_health(database, config)
     tools: list[dict[str, Any]] = []
     for record in tracker.get_health_summary():
@@ -40,18 +44,7 @@ def stored_status(database: Path, config: ToolsConfig) -> dict[str, Any]:
     return {
         "database": str(database),
         "cooldown_s": config.disable_cooldown_s,
+        "cooldown_assumed": not options.config,
         "damaged": damaged,
         "tools": tools,
     }
-
-
-def _options(arguments: Sequence[str]) -> argparse.Namespace:
-    parser = argparse.ArgumentParser(
-        prog="quillet status",
-        description="Shows how the tools fare, from the database alone, also while a daemon runs: "
-        "tables on a terminal, else JSON.",
-    )
-    parser.add_argument("--repository", type=Path, default=Path(), help="the folder that is served")
-    parser.add_argument("--database", type=Path, help="its database, if not in the folder itself")
-    parser.add_argument("--config", type=Path, help="the daemon's TOML file, for the cooldown")
-    return parser.parse_args(arguments)

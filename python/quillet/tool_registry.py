@@ -21,14 +21,10 @@ class ToolSpec:
 
 TOOLS = {
     "search_text": ToolSpec(
-        {None: files.search_text},
-        parameter_synonyms={"query": "text", "pattern": "text", "folder": "path"},
+        {None: files.search_text}, {"query": "text", "pattern": "text", "folder": "path"}
     ),
-    "read_file": ToolSpec(
-        {None: files.read_file},
-        parameter_synonyms={"file": "path", "file_path": "path"},
-    ),
-    "count_lines": ToolSpec({None: files.count_lines}, parameter_synonyms={"folder": "path"}),
+    "read_file": ToolSpec({None: files.read_file}, {"file": "path", "file_path": "path"}),
+    "count_lines": ToolSpec({None: files.count_lines}, {"folder": "path"}),
     "embed_text": ToolSpec({None: embedding.embed_text}),
     "status": ToolSpec(
         {"perf_stats": status.perf_stats, "threads": status.threads},

@@ -2,34 +2,13 @@
 
 import inspect
 from collections.abc import Callable, Mapping
-from dataclasses import dataclass
-from functools import cache
 from reprlib import repr as shortened
 from typing import Any
 
 _SLOW_CALLS = {("search_text", None), ("count_lines", None), ("embed_text", None)}
 _KINDS = {str: ("string", "a text"), int: ("integer", "a whole number")}
+_REQUIRED = inspect.Parameter.empty
 Handler = Callable[..., Any]
-
-
-@dataclass(frozen=True)
-class Parameter:
-    """A handler's parameter, as its signature has it: `name: Annotated[kind, words] = default`."""
-
-    name: str
-    kind: type
-    words: str
-    default: Any
-
-    @property
-    def required(self) -> bool:
-        """Whether a call has to give it."""
-        return self.default is inspect.Parameter.empty
-
-    def schema(self) -> dict[str, Any]:
-        """Its values, as JSON Schema."""
-        schema = {"type": _KINDS[self.kind][0], "description": self.words}
-        return schema if self.required else {**schema, "default": self.default}
 
 
 def is_slow_call(tool: str, action: str | None) -> bool:
@@ -39,15 +18,15 @@ def is_slow_call(tool: str, action: str | None) -> bool:
 
 def argument_problem(handler: Handler, arguments: Mapping[str, Any]) -> str | None:
     """Why a handler cannot take these; None when it can."""
-    known = {parameter.name: parameter for parameter in _parameters(handler)}
+    known = _parameters(handler)
     for name in arguments.keys() - known.keys():
         return f"there is no parameter {shortened(name)}, only: {', '.join(known) or 'none'}"
-    for name, parameter in known.items():
+    for name, (kind, _, default) in known.items():
         if name not in arguments:
-            if parameter.required:
+            if default is _REQUIRED:
                 return f"{name} is missing"
-        elif type(arguments[name]) is not parameter.kind:  # a bool is no number
-            return f"{name} must be {_KINDS[parameter.kind][1]}"
+        elif type(arguments[name]) is not kind:  # a bool is no number
+            return f"{name} must be {_KINDS[kind][1]}"
     return None
 
 
@@ -60,25 +39,21 @@ def description(handlers: Mapping[str | None, Handler]) -> str:
 def input_schema(handlers: Mapping[str | None, Handler]) -> dict[str, Any]:
     """The arguments that a tool with these handlers takes, its action among them."""
     properties: dict[str, Any] = {}
-    required = []
-    if actions := [action for action in handlers if action]:
-        properties["action"] = {"type": "string", "enum": actions, "description": "what to do"}
-        required += ["action"] if None not in handlers else []
+    if None not in handlers:
+        properties["action"] = {"type": "string", "enum": [*handlers], "description": "what to do"}
     for handler in handlers.values():
-        for parameter in _parameters(handler):
-            properties[parameter.name] = parameter.schema()
-            # What only some of several actions need is for these to ask for.
-            required += [parameter.name] if parameter.required and len(handlers) == 1 else []
+        for name, (kind, words, default) in _parameters(handler).items():
+            schema = {"type": _KINDS[kind][0], "description": words}
+            properties[name] = schema if default is _REQUIRED else {**schema, "default": default}
     if not properties:
         return {"type": "object", "additionalProperties": False}
+    required = [name for name, schema in properties.items() if "default" not in schema]
     return {"type": "object", "properties": properties, "required": required}
 
 
-@cache
-def _parameters(handler: Handler) -> list[Parameter]:
-    """What a handler takes after the context."""
+def _parameters(handler: Handler) -> dict[str, tuple[type, str, Any]]:
+    """What a handler takes after the context, `name: Annotated[kind, words] = default`."""
     _, *rest = inspect.signature(handler).parameters.values()
-    return [
-        Parameter(p.name, p.annotation.__origin__, p.annotation.__metadata__[0], p.default)
-        for p in rest
-    ]
+    return {
+        p.name: (p.annotation.__origin__, p.annotation.__metadata__[0], p.default) for p in rest
+    }

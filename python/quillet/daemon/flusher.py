@@ -2,11 +2,13 @@
 
 import logging
 import threading
+import time
 from typing import Self
 
 from quillet.tool_handlers.health import ToolHealthTracker
 
 PERIOD_S = 2.0
+LAST_FLUSH_S = 5.0  # a disk or another process may keep the database for longer
 
 logger = logging.getLogger(__name__)
 
@@ -14,14 +16,16 @@ logger = logging.getLogger(__name__)
 class Flusher:
     """Flushes a tracker now and then while it is entered, and once more when it is left.
 
-    `saved` says how the latest time ended.
+    `saved` says how the latest time ended; `saved_at`, when all was last saved, in seconds since
+    1970.
     """
 
     def __init__(self, tracker: ToolHealthTracker) -> None:
         self.saved = True
+        self.saved_at = time.time()
         self._tracker = tracker
         self._stop = threading.Event()
-        self._thread = threading.Thread(target=self._work, name="flusher")
+        self._thread = threading.Thread(target=self._work, name="flusher", daemon=True)
 
     def __enter__(self) -> Self:
         self._thread.start()
@@ -29,7 +33,8 @@ class Flusher:
 
     def __exit__(self, *_: object) -> None:
         self._stop.set()
-        self._thread.join()
+        self._thread.join(LAST_FLUSH_S)
+        self.saved = self.saved and not self._thread.is_alive()
 
     def _work(self) -> None:
         while not self._stop.wait(PERIOD_S):
@@ -40,7 +45,7 @@ class Flusher:
         try:
             if self._tracker.has_unsaved_changes:
                 self._tracker.flush()
-            self.saved = True
+            self.saved, self.saved_at = True, time.time()
         except Exception as error:
             self.saved = False
             logger.warning("Could not save the tool health this time: %s", error)

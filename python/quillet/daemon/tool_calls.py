@@ -1,20 +1,18 @@
 """Finds what a call means: the handler it asks for, under whatever names it gives."""
 
 from collections.abc import Mapping
-from dataclasses import dataclass
 from reprlib import repr as shortened
-from typing import Any
+from typing import Any, NamedTuple
 
-from quillet.tool_registry import TOOLS, ToolSpec
+from quillet.tool_registry import TOOLS
 from quillet.tool_schemas import Handler
 
 
 class UnclearCall(Exception):
-    """A call that does not say which tool, action or arguments it means."""
+    """A call that does not say which action or arguments it means."""
 
 
-@dataclass(frozen=True)
-class ToolCall:
+class ToolCall(NamedTuple):
     """A call in the registry's own names."""
 
     tool: str
@@ -25,10 +23,8 @@ class ToolCall:
 
 
 def resolve(tool: str, given: Mapping[str, Any]) -> ToolCall:
-    """The call that an agent's arguments, the action among them, make of a tool."""
-    spec = TOOLS.get(tool)
-    if spec is None:
-        raise UnclearCall(f"there is no tool {shortened(tool)}, only: {', '.join(TOOLS)}")
+    """The call that an agent's arguments, the action among them, make of a tool that there is."""
+    spec = TOOLS[tool]
     arguments = {spec.parameter_synonyms.get(name, name): given[name] for name in given}
     if len(arguments) < len(given):
         raise UnclearCall("a parameter is given under two names")
@@ -37,10 +33,6 @@ def resolve(tool: str, given: Mapping[str, Any]) -> ToolCall:
     action = spec.action_synonyms.get(named, named) if isinstance(named, str) else named
     handler = spec.handlers.get(None) if action is None else spec.action(action)
     if handler is None:
-        raise UnclearCall(f"{tool} has {_actions(spec)}, not {shortened(named)}")
+        actions = ", ".join(filter(None, spec.handlers)) or "none"
+        raise UnclearCall(f"{tool} has no action {shortened(named)}, only: {actions}")
     return ToolCall(tool, action, handler, arguments, alias_hit or action != named)
-
-
-def _actions(spec: ToolSpec) -> str:
-    names = ", ".join(name for name in spec.handlers if name)
-    return f"the actions {names}" if names else "no actions"

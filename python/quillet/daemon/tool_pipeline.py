@@ -3,9 +3,9 @@
 import asyncio
 import time
 from collections.abc import Mapping
-from dataclasses import dataclass
+from concurrent.futures import ThreadPoolExecutor
 from enum import StrEnum
-from typing import Any, Self
+from typing import Any, NamedTuple
 
 from quillet.daemon.disabled_tools import DisabledTools
 from quillet.daemon.tool_calls import ToolCall, UnclearCall, resolve
@@ -13,11 +13,11 @@ from quillet.repository import Repository
 from quillet.tool_handlers.context import ToolContext
 from quillet.tool_handlers.health import ToolHealthTracker
 from quillet.tool_schemas import argument_problem
-from quillet.utils.pools import started_pool
+from quillet.utils.process import started_pool
 from quillet.utils.timing import get_timing_collector
 
 HANDLER_THREADS = 4
-THREAD_BUDGET = HANDLER_THREADS + 3  # the main thread, the player's and the flusher's
+THREAD_BUDGET = HANDLER_THREADS + 5  # main, reader, writer, the log's and the flusher's
 MAX_ERROR_CHARS = 500  # as many as are remembered
 
 
@@ -30,30 +30,28 @@ class Outcome(StrEnum):
     INVALID = "invalid"  # the call asks for what there is not
 
 
-@dataclass(frozen=True)
-class Answer:
+class Answer(NamedTuple):
     """What the agent gets: the handler's answer, or a text that says why there is none."""
 
     outcome: Outcome
-    action: str | None
-    duration_ms: float | None  # of a handler that answered
     content: Any
+
+
+def start_handlers() -> ThreadPoolExecutor:
+    """The threads that run handlers."""
+    return started_pool(HANDLER_THREADS, "tool")
 
 
 class ToolPipeline:
     """One repository's calls: the loop asks whether a tool is disabled, threads run handlers."""
 
-    def __init__(self, repository: Repository, tracker: ToolHealthTracker) -> None:
+    def __init__(
+        self, repository: Repository, tracker: ToolHealthTracker, handlers: ThreadPoolExecutor
+    ) -> None:
         self._tracker = tracker
         self._disabled_tools = DisabledTools(tracker)
         self._context = ToolContext(repository.root, tracker, THREAD_BUDGET)
-        self._handlers = started_pool(HANDLER_THREADS, "tool")
-
-    def __enter__(self) -> Self:
-        return self
-
-    def __exit__(self, *_: object) -> None:
-        self._handlers.shutdown(cancel_futures=True)
+        self._handlers = handlers
 
     async def call(self, tool: str, arguments: Mapping[str, Any]) -> Answer:
         """Runs one call. What an agent makes up is not recorded, so it cannot fill the memory.
@@ -63,7 +61,7 @@ class ToolPipeline:
         try:
             call = resolve(tool, arguments)
         except UnclearCall as error:
-            return Answer(Outcome.INVALID, None, None, str(error))
+            return Answer(Outcome.INVALID, str(error))
         disabled, last_error = self._tracker.is_disabled(tool)
         if disabled:
             text = self._disabled_tools.answer(tool, last_error)
@@ -99,7 +97,7 @@ class ToolPipeline:
         self._tracker.record_call(
             call.tool, call.action, outcome, alias_hit=call.alias_hit, duration_ms=duration_ms
         )
-        return Answer(outcome, call.action, duration_ms, content)
+        return Answer(outcome, content)
 
 
 def _error_text(error: BaseException) -> str:

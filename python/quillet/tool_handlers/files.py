@@ -23,7 +23,13 @@ def search_text(
     context: ToolContext, text: Annotated[str, "what to find"], path: Place = "."
 ) -> dict[str, Any]:
     """Finds the lines that hold a text, in one file or all files below a folder."""
-    found = list(islice(_matches(context.root, path, text), MAX_ROWS + 1))
+    matches = (
+        {"path": str(file), "line": number, "text": line.strip()[:MAX_LINE_CHARS]}
+        for file, lines in _text_files(context.root, path)
+        for number, line in enumerate(lines, 1)
+        if text in line
+    )
+    found = list(islice(matches, MAX_ROWS + 1))
     return {"matches": found[:MAX_ROWS], "more": len(found) > MAX_ROWS}
 
 
@@ -45,13 +51,6 @@ def count_lines(context: ToolContext, path: Place = ".") -> dict[str, int]:
     for file, lines in _text_files(context.root, path):
         counts[LANGUAGES.get(file.suffix, "other")] += len(lines)
     return dict(counts.most_common())
-
-
-def _matches(root: Path, path: str, text: str) -> Iterator[dict[str, Any]]:
-    for file, lines in _text_files(root, path):
-        for number, line in enumerate(lines, 1):
-            if text in line:
-                yield {"path": str(file), "line": number, "text": line.strip()[:MAX_LINE_CHARS]}
 
 
 def _text_files(root: Path, path: str) -> Iterator[tuple[Path, list[str]]]:

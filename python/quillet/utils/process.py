@@ -1,14 +1,12 @@
-"""The census of the process's threads."""
+"""The process's threads: their census, and pools of them."""
 
 import re
 import threading
 from collections import Counter
+from concurrent.futures import ThreadPoolExecutor
 from dataclasses import dataclass
 
-try:
-    import psutil
-except ImportError:
-    psutil = None
+import psutil
 
 # A thread's number: at the end of its name, or before the name of its function in brackets.
 _RUNNING_NUMBER = re.compile(r"(?<=.)[-_]\d+(?=( \(.*\))?$)")
@@ -18,7 +16,7 @@ _RUNNING_NUMBER = re.compile(r"(?<=.)[-_]\d+(?=( \(.*\))?$)")
 class ThreadCensus:
     """The process's threads at one moment."""
 
-    os_threads: int | None
+    os_threads: int
     python_total: int
     python_threads: dict[str, int]
 
@@ -26,14 +24,22 @@ class ThreadCensus:
 def thread_census() -> ThreadCensus:
     """Counts the threads, those of the interpreter by name without the running number."""
     names = [_RUNNING_NUMBER.sub("", thread.name) for thread in threading.enumerate()]
-    return ThreadCensus(_os_threads(), len(names), dict(sorted(Counter(names).items())))
+    counts = dict(sorted(Counter(names).items()))
+    return ThreadCensus(psutil.Process().num_threads(), len(names), counts)
 
 
-def _os_threads() -> int | None:
-    if psutil is None:
-        return None
+def started_pool(size: int, name: str) -> ThreadPoolExecutor:
+    """A pool that starts no thread later, when a task would already be waiting for it.
+
+    A RuntimeError says that the system has no thread left.
+    """
+    pool = ThreadPoolExecutor(size, thread_name_prefix=name)
+    all_started = threading.Barrier(size)
     try:
-        count: int = psutil.Process().num_threads()
-        return count
-    except psutil.Error:
-        return None
+        for started in [pool.submit(all_started.wait) for _ in range(size)]:
+            started.result()
+    except RuntimeError:  # those that are there are let go
+        all_started.abort()
+        pool.shutdown(cancel_futures=True)
+        raise
+    return pool

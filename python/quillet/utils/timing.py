@@ -2,18 +2,20 @@
 
 import threading
 from collections import deque
+from dataclasses import dataclass, field
+from functools import cache
 from typing import Any
 
 WINDOW = 1000
 
 
+@dataclass
 class _Timing:
     """All of a tool's calls and errors counted, and the times of its latest calls."""
 
-    def __init__(self) -> None:
-        self.count = 0
-        self.errors = 0
-        self.latest_ms: deque[float] = deque(maxlen=WINDOW)
+    count: int = 0
+    errors: int = 0
+    latest_ms: deque[float] = field(default_factory=lambda: deque(maxlen=WINDOW))
 
 
 class TimingCollector:
@@ -44,20 +46,13 @@ class TimingCollector:
 def _stats(name: str, count: int, errors: int, times: list[float]) -> dict[str, Any]:
     times.sort()
     rank = -(-95 * len(times) // 100)
-    return {
-        "name": name,
-        "count": count,
-        "avg_ms": round(sum(times) / len(times), 3),
-        "p95_ms": round(times[rank - 1], 3),
-        "min_ms": round(times[0], 3),
-        "max_ms": round(times[-1], 3),
-        "errors": errors,
-    }
+    figures = {"avg_ms": sum(times) / len(times), "p95_ms": times[rank - 1]}
+    figures |= {"min_ms": times[0], "max_ms": times[-1]}
+    rounded = {key: round(figure, 3) for key, figure in figures.items()}
+    return {"name": name, "count": count, **rounded, "errors": errors}
 
 
-_collector = TimingCollector()
-
-
+@cache
 def get_timing_collector() -> TimingCollector:
     """The process's one collector."""
-    return _collector
+    return TimingCollector()

@@ -1,0 +1,1 @@
+"""An agent, as far as a daemon can tell: it calls tools and reads their answers."""

@@ -1,0 +1,29 @@
+"""The form of what a tool answers."""
+
+import json
+import math
+from typing import Any
+
+
+def tool_result(content: Any, *, failed: bool) -> dict[str, Any]:
+    """A call's result. What went wrong is one, too: a model can go on from its text."""
+    content = plain(content)
+    words = content if isinstance(content, str) else json.dumps(content)
+    result: dict[str, Any] = {"content": [{"type": "text", "text": words}]}
+    if isinstance(content, dict):
+        result["structuredContent"] = content
+    return {**result, "isError": failed}
+
+
+def plain(value: Any) -> Any:
+    """The value as JSON has it: bytes as text, and null for a number that is not finite."""
+    match value:
+        case dict():
+            return {key: plain(inner) for key, inner in value.items()}
+        case list():
+            return [plain(inner) for inner in value]
+        case bytes():
+            return value.decode("utf-8", "backslashreplace")
+        case float() if not math.isfinite(value):
+            return None
+    return value

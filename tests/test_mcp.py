@@ -1,0 +1,305 @@
+"""A daemon of its own process, as its client meets it."""
+
+import json
+import os
+import signal
+import sqlite3
+import subprocess
+import sys
+import time
+from contextlib import closing
+
+import pytest
+from quillet.agent.client import META, Client
+from quillet.protocol.messages import line_of
+from quillet.protocol.revisions import TODAYS, VERSION
+from quillet.tool_handlers.health import __version__
+
+SERVE = [sys.executable, "-P", "-m", "quillet", "serve"]
+# The same, with tools that do what no tool should.
+TOOLS = """
+import logging, os, runpy, sys, threading, time
+from quillet import tool_registry
+class Silent(Exception):
+    def __str__(self): raise SystemExit(1)
+def hang(context): threading.Event().wait()
+def leave(context): sys.exit("\\x1b[2J")
+def silent(context): raise Silent
+def chatty(context): os.write(1, b"no message\\n"); print(os.system("echo nor this; cat"))
+def wrong(context): return {"x": {1, 2}}
+def log(context): [logging.warning("x" * 99) for _ in range(3000)]
+def slow(context): time.sleep(0.5); return [float("inf"), b"\\xff"]
+for tool in (hang, leave, log, silent, chatty, wrong, slow):
+    tool_registry.TOOLS[tool.__name__] = tool_registry.ToolSpec({None: tool})
+runpy.run_module("quillet", run_name="__main__")
+"""
+WITH_TOOLS = [sys.executable, "-P", "-c", TOOLS, "serve"]
+PING = {"id": 1, "method": "ping"}
+CALL = {"id": 1, "method": "tools/call"}
+
+
+class Agent(Client):
+    """A client that takes nothing but what the protocol lets a server say."""
+
+    def receive(self):
+        message = super().receive()
+        match message:
+            case {"jsonrpc": "2.0", "id": str() | int(), "result": dict() as result, **rest}:
+                for part in result.get("content", ()):
+                    assert part.keys() == {"type", "text"} and type(result["isError"]) is bool
+                    content = result.get("structuredContent")
+                    assert content is None or content == json.loads(part["text"])
+            case {"jsonrpc": "2.0", "error": {"code": int(), "message": str(), **more}, **rest}:
+                assert more.keys() <= {"data"} and isinstance(rest.pop("id", ""), str | int)
+        assert not rest
+        return message
+
+
+@pytest.fixture
+def daemon():
+    """The stand-in's own registry, in place of the tests'."""
+
+
+@pytest.fixture
+def start(tmp_path):
+    """Starts a daemon in a folder with a file; what still runs is killed at the end."""
+    (tmp_path / "a.txt").write_text("text\n" * 100)
+    started = []
+
+    def start(command=SERVE, **popen):
+        command = [*command, "--repository", tmp_path]
+        started.append(Agent(command, **{"stderr": subprocess.PIPE, **popen}))
+        return started[-1]
+
+    yield start
+    for client in started:
+        client.daemon.kill()
+        client.daemon.wait()
+
+
+@pytest.fixture(scope="module")
+def listening(tmp_path_factory):
+    """One daemon for all messages that are to leave it as it was."""
+    with Agent([*SERVE, "--repository", tmp_path_factory.mktemp("served")]) as client:
+        yield client
+
+
+def counts(folder):
+    with closing(sqlite3.connect(folder / ".quillet/quillet.db")) as db:
+        return dict(db.execute("SELECT tool_name, call_count FROM tool_health"))
+
+
+@pytest.mark.parametrize(
+    ("message", "code"),
+    [(b"{", -32700), (b'"\xff"', -32700), (b"[" * 100_000, -32700),
+     (b'{"jsonrpc":"2.0","id":NaN,"method":"ping"}', -32700),
+     (b"x" * 30_000_000, -32600), (b"[" + line_of(PING).strip() + b"]", -32600),
+     *((PING | {"id": id}, -32600) for id in (None, True, {}, 1.5)),
+     (PING | {"method": 7}, -32600), (PING | {"jsonrpc": 2}, -32600),
+     (PING | {"method": "no/such"}, -32601), (PING | {"params": META}, -32601),
+     (PING | {"params": []}, -32602), (PING | {"params": {"_meta": 1}}, -32602),
+     (PING | {"params": {"_meta": {VERSION: TODAYS}}}, -32602),
+     (PING | {"params": {"_meta": META["_meta"] | {VERSION: "2025-11-25"}}}, -32022),
+     (PING | {"method": "tools/list"}, -32602), (PING | {"method": "server/discover"}, -32602),
+     (PING | {"method": "tools/list", "params": META | {"cursor": "2"}}, -32602),
+     (CALL | {"params": META | {"name": 7}}, -32602),
+     (CALL | {"params": META | {"name": "status", "arguments": []}}, -32602),
+     (CALL | {"params": META | {"name": "x" * 900_000}}, -32602),
+     (PING | {"method": "initialize", "params": {"protocolVersion": 1}}, -32602),
+     (b" ", None), ({"id": 5, "result": {}}, None), ({"id": None, "error": {}}, None),
+     ({"method": "tools/call", "params": []}, None),
+     ({"method": "notifications/cancelled", "params": {"requestId": []}}, None)],
+    ids=lambda value: str(value)[:60],
+)  # fmt: skip
+def test_whatever_comes_in_is_answered_as_the_protocol_says(listening, message, code):
+    line = message + b"\n" if isinstance(message, bytes) else line_of(message)
+    listening.send(line + line_of(PING | {"id": "after"}))
+    answers = [listening.receive()]
+    while answers[-1].get("id") != "after":
+        answers.append(listening.receive())
+    readable = isinstance(message, dict) and type(message.get("id")) is int
+    told = [(answer["error"]["code"], answer.get("id")) for answer in answers[:-1]]
+    assert told == ([(code, 1 if readable else None)] if code else [])
+    assert all(len(answer["error"]["message"]) < 200 for answer in answers[:-1])
+    if code == -32022:
+        data = {"supported": [TODAYS], "requested": "2025-11-25"}
+        assert answers[0]["error"]["data"] == data
+    if "LD_PRELOAD" not in os.environ:  # a sanitizer takes memory of its own
+        with open(f"/proc/{listening.daemon.pid}/status") as status:
+            assert int(status.read().split("VmHWM:")[1].split()[0]) < 80_000
+
+
+MISTAKES = [
+    ({"path": 5}, "path must be a text"),
+    ({}, "path is missing"),
+    ({"path": "a", "first_line": True}, "first_line must be a whole number"),
+    ({"x": 1}, "there is no parameter 'x', only: path, first_line"),
+    ({"path": "a", "file": "a"}, "a parameter is given under two names"),
+    ({"action": [[]]}, "read_file has no action [[]], only: none"),
+]
+
+
+def test_a_mistaken_call_is_no_failure_of_the_tool(listening):
+    results = [listening.call("read_file", arguments) for arguments, _ in MISTAKES * 2]
+    assert all(result["isError"] for result in results)
+    assert [result["content"][0]["text"] for result in results] == [s for _, s in MISTAKES] * 2
+
+
+@pytest.mark.parametrize("asked", ["2025-11-25", "2025-06-18", "2024-11-05", "2025-03-26", TODAYS])
+def test_both_eras_are_served(start, asked):
+    client, server = start(), {"name": "quillet", "version": __version__}
+    hello = {"protocolVersion": asked, "capabilities": {}, "clientInfo": {}}
+    client.send(line_of(PING | {"method": "initialize", "params": hello}))
+    answer = client.receive()["result"]
+    known = asked if asked in ("2025-06-18", "2024-11-05") else "2025-11-25"
+    assert (answer["protocolVersion"], answer["serverInfo"]) == (known, server)
+    call = {"name": "read_file", "arguments": {"path": "a.txt", "first_line": 100}}
+    client.send(line_of(CALL | {"params": call}))
+    content = {"path": "a.txt", "first_line": 100, "lines": ["text"], "lines_in_file": 100}
+    result = {"content": [{"type": "text", "text": json.dumps(content)}], "isError": False}
+    assert client.receive()["result"] == result | {"structuredContent": content}
+    client.send(line_of(PING | {"method": "tools/list"}))
+    tools = client.receive()["result"]
+    named = {"resultType": "complete", "_meta": {"io.modelcontextprotocol/serverInfo": server}}
+    searched = client.call("search_text", {"query": "text", "path": "a.txt"})
+    assert searched == searched | named and not searched["structuredContent"]["more"]
+    assert searched.keys() == {"content", "structuredContent", "isError", *named}
+    assert len(searched["structuredContent"]["matches"]) == 100
+    cacheable = named | {"ttlMs": 60_000, "cacheScope": "public"}
+    assert client.ask("tools/list")["result"] == tools | cacheable
+    discovered = {"supportedVersions": [TODAYS], "capabilities": {"tools": {}}}
+    discovered["instructions"] = answer["instructions"]
+    assert client.ask("server/discover")["result"] == discovered | cacheable
+
+
+def test_the_list_says_what_each_tool_takes(listening):
+    tools = {tool["name"]: tool for tool in listening.ask("tools/list")["result"]["tools"]}
+    path = {"type": "string", "description": "the file, from the repository's root"}
+    line = {"type": "integer", "description": "where to start; the first is 1", "default": 1}
+    schema = {"type": "object", "properties": {"path": path, "first_line": line}}
+    assert tools["read_file"] == {
+        "name": "read_file",
+        "description": "Reads a text file's lines, at most 100 from a given one on.",
+        "inputSchema": schema | {"required": ["path"]},
+        "annotations": {"readOnlyHint": True, "openWorldHint": False},
+    }
+    action = {"type": "string", "enum": ["perf_stats", "threads"], "description": "what to do"}
+    assert tools["status"]["inputSchema"]["properties"] == {"action": action}
+
+
+@pytest.mark.parametrize("names", [["INT", "INT"], ["TERM"], ["HUP", "INT"]])
+def test_a_signal_ends_it_with_all_saved_that_was_answered(start, tmp_path, names):
+    client, number = start(WITH_TOOLS), signal.Signals[f"SIG{names[0]}"]
+    client.request("tools/call", {"name": "hang"})
+    client.ask("tools/list")
+    with closing(sqlite3.connect(tmp_path / ".quillet/quillet.db", isolation_level=None)) as other:
+        other.execute("BEGIN IMMEDIATE")  # for which no call waits, but the last flush
+        client.call("read_file", {"path": "a.txt"})
+        for name in names:
+            client.daemon.send_signal(signal.Signals[f"SIG{name}"])
+            time.sleep(0.2)
+        client.request("tools/call", {"name": "count_lines"})  # too late to be saved
+        time.sleep(0.2)
+    with pytest.raises(EOFError, match=str(128 + number)):
+        client.receive()
+    assert counts(tmp_path) == {"read_file": 1} and client.daemon.stderr.read() == b""
+
+
+def test_unread_answers_hold_up_no_end(start, tmp_path):
+    start().end()
+    params = META | {"name": "read_file", "arguments": {"path": "a.txt"}}
+    with subprocess.Popen([*SERVE, "--repository", tmp_path], stdin=-1, stdout=-1) as daemon:
+        daemon.stdin.write(
+            b"".join(line_of(CALL | {"id": n, "params": params}) for n in range(200))
+        )
+        daemon.stdin.flush()
+        time.sleep(0.7)
+        daemon.terminate()
+        assert daemon.wait(5) == 143
+        answered = daemon.stdout.read().count(b'"result"')
+    assert 0 < answered <= counts(tmp_path)["read_file"]
+
+
+def test_whatever_a_handler_does_is_its_tools_error(start, tmp_path):
+    client = start(WITH_TOOLS)
+    for tool in ["leave", "silent"] * 5:
+        assert client.call(tool)["isError"]
+    [text] = client.call("leave")["content"]
+    assert text["text"].startswith("leave kept failing and is disabled; it is tried again at ")
+    assert text["text"].endswith("last error: SystemExit: \x1b[2J")
+    assert client.call("chatty")["content"][0]["text"] == "null"
+    assert client.call("slow")["content"][0]["text"] == r'[null, "\\xff"]'
+    assert client.call("wrong")["code"] == -32603
+    assert client.end() == 0
+    said = client.daemon.stderr.read()
+    assert b"\x1b" not in said and {b"no message", b"nor this", b"0"} <= {*said.splitlines()}
+    assert counts(tmp_path) == dict(leave=5, silent=5, chatty=1, slow=1, wrong=1)
+
+
+def test_calls_run_side_by_side_and_are_cancelled(start, tmp_path):
+    client = start(WITH_TOOLS)
+    for _ in range(300):
+        client.request("tools/call", {"name": "count_lines"}, id="again")
+        client.cancel("again")
+    client.request("tools/call", {"name": "slow"}, id=0)
+    client.request("tools/call", {"name": "status", "arguments": {"action": "threads"}}, id=1)
+    client.request("tools/list", id=0)
+    answers = [client.receive() for _ in range(3)]
+    assert answers[0]["error"]["code"] == -32600
+    assert [(answer["id"], "result" in answer) for answer in answers[1:]] == [(1, True), (0, True)]
+    client.request("tools/call", {"name": "slow"}, id=2)
+    time.sleep(0.2)
+    client.cancel(2)  # it is counted all the same
+    assert client.end() == 0
+    assert counts(tmp_path) | {"count_lines": 0} == {"count_lines": 0, "slow": 2, "status": 1}
+    with pytest.raises(EOFError):
+        client.receive()
+
+
+def test_thousands_of_calls_are_answered_though_nobody_reads_the_log(start, tmp_path):
+    client = start(WITH_TOOLS)
+    client.call("log")
+    params = META | {"name": "read_file", "arguments": {"path": "a.txt"}}
+    client.send(b"".join(line_of(CALL | {"id": n, "params": params}) for n in range(3000)))
+    assert {client.receive()["id"] for _ in range(3000)} == set(range(3000))
+    assert client.end() == 0 and counts(tmp_path) == {"log": 1, "read_file": 3000}
+
+
+@pytest.mark.parametrize(
+    ("shell", "status", "said"),
+    [
+        ("<&-", 2, "quillet: standard input is closed"),
+        (">&-", 2, "quillet: standard output is closed"),
+        ("2>&-", 0, ""),
+        ("2>/dev/full", 0, ""),
+        ("0>/dev/null", 1, "quillet: standard input: [Errno 9] Bad file descriptor"),
+        (">/dev/full", 1, "quillet: standard output: [Errno 28] No space left on device"),
+        (">/dev/full 2>/dev/full", 1, ""),
+        ("| true", 1, "quillet: standard output: [Errno 32] Broken pipe"),
+        ("--repository $'\\e[2J'", 2, r"quillet: \x1b[2J is not a folder"),
+        ("--config /dev/zero", 2, "quillet: /dev/zero is not a file of at most 100,000 bytes"),
+        ("--database a.txt", 2, "quillet: PWD/a.txt: file is not a database"),
+    ],
+)
+def test_it_ends_with_a_word_when_it_cannot_go_on(start, tmp_path, shell, status, said):
+    line = line_of(PING).decode().strip()
+    script = f"echo '{line}' | \"$@\" {shell}; exit ${{PIPESTATUS[1]}}"
+    run = start(["bash", "-c", script, "bash", *SERVE], cwd=tmp_path).daemon
+    told = run.stderr.read().decode().strip().replace(str(tmp_path), "PWD")
+    assert (run.wait(9), told) == (status, said)
+
+
+def test_a_second_daemon_and_a_removed_database_are_told(start, tmp_path):
+    database = tmp_path / ".quillet/quillet.db"
+    first = start(preexec_fn=lambda: signal.signal(signal.SIGHUP, signal.SIG_IGN))  # as nohup does
+    first.call("read_file", {"path": "a.txt"})
+    second = start().daemon
+    told = second.stderr.read().decode(), second.wait(9)
+    assert told == (f"quillet: {database}: another daemon is using it\n", 2)
+    first.daemon.send_signal(signal.SIGHUP)
+    while not counts(tmp_path):  # saved now and then
+        time.sleep(0.05)
+    database.unlink()
+    first.call("read_file", {"path": "a.txt"})
+    assert first.end() == 3
+    assert f"{database}: was removed or replaced" in first.daemon.stderr.read().decode()
