@@ -1,16 +1,17 @@
 """The tools' health as metrics for Prometheus, from the summary that a tracker gives.
 
-Register the collector beside the daemon's own metrics:
+Register the collector beside the daemon's own metrics, with what saves the tracker if there is one:
 
-    prometheus_client.REGISTRY.register(ToolHealthCollector(tracker))
+    prometheus_client.REGISTRY.register(ToolHealthCollector(tracker, flusher))
 
 A scrape then asks the tracker once and waits for no database. Error texts are left out: as labels
 they would make a series each. Run as a program, it prints the metrics of a stored history:
 
-    python -P examples/metrics.py .quillet/quillet.db
+    python -I examples/metrics.py .quillet/quillet.db
 """
 
 import sys
+import time
 from collections.abc import Iterable
 from pathlib import Path
 from typing import Any, Protocol
@@ -27,11 +28,19 @@ class Tracker(Protocol):
         """A record per tool."""
 
 
-class ToolHealthCollector(Collector):
-    """Collects a tracker's summary at each scrape."""
+class Saver(Protocol):
+    """What saves the tracker now and then: when it last did, and whether its latest try did."""
 
-    def __init__(self, tracker: Tracker) -> None:
+    saved_at: float
+    saved: bool
+
+
+class ToolHealthCollector(Collector):
+    """Collects a tracker's summary at each scrape, and how long ago it was saved."""
+
+    def __init__(self, tracker: Tracker, saver: Saver | None = None) -> None:
         self._tracker = tracker
+        self._saver = saver
 
     def collect(self) -> Iterable[Metric]:
         """The metrics of this moment; a mean is in seconds, and there once a call was timed."""
@@ -58,7 +67,14 @@ class ToolHealthCollector(Collector):
                 calls.add_metric(labels, row["calls"])
                 if row["avg_ms"] is not None:
                     means.add_metric(labels, row["avg_ms"] / 1000)
-        return [runs, errors, disabled, calls, means]
+        return [runs, errors, disabled, calls, means, *self._saving()]
+
+    def _saving(self) -> Iterable[Metric]:
+        if self._saver:
+            age = time.time() - self._saver.saved_at
+            yield GaugeMetricFamily("tool_health_flush_age_seconds", "Since all was saved", age)
+            failed = not self._saver.saved
+            yield GaugeMetricFamily("tool_health_flush_failed", "1 if the last try failed", failed)
 
 
 def _label(value: object) -> str:
