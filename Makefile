@@ -24,7 +24,7 @@ NO_ENDING = --deselect tests/test_summary.py::test_the_interpreter_ends_amid_cal
 export PYTHONDONTWRITEBYTECODE := 1
 
 .DEFAULT_GOAL := build
-.PHONY: help build run test check lint lint-files bench clean packages
+.PHONY: help build run test check interop lint lint-files bench clean packages
 
 help: ## show this list
 	@sed -n 's/^\([a-z]*\):.*## /  make \1\t/p' $(MAKEFILE_LIST) | expand -t 16
@@ -57,6 +57,10 @@ check: build $(CHECKS:%=build/%/build.ninja) ## test under sanitizers, without m
 	LD_PRELOAD=build/release/tests/libfailing_new.so $(VENV)/bin/python tests/memory.py
 	$(VENV)/bin/python tests/kills.py
 	tools/check-versions
+
+interop: build build/interop/node_modules ## try the daemon with the protocol's official clients, from npm
+	@cp interop/clients.mjs build/interop
+	@node build/interop/clients.mjs "$(CURDIR)/$(VENV)/bin/quillet"
 
 lint: build/release/build.ninja ## check the form of what changed since it was last in order
 	@$(REBUILD)
@@ -97,6 +101,12 @@ build/threads/build.ninja: | packages
 build/debug/build.ninja: | packages
 	rm -rf $(@D)
 	/usr/bin/python3-dbg $(SETUP_CHECKED) -Dcpp_args=-DPy_DEBUG $(@D)
+
+build/interop/node_modules: interop/package.json
+	@node --version >/dev/null && npm --version >/dev/null || { echo "make interop needs node 18 or later, and npm"; exit 1; }
+	@mkdir -p $(@D) && cp $< $(@D)
+	npm install --prefix $(@D) --no-package-lock --no-audit --no-fund --silent
+	@touch $@
 
 # A stamp under build/lint/ is as old as the last time that what it stands for was in order. Where
 # one stands for many files, those that are newer are checked, or all when the rules are newer.

@@ -1,0 +1,78 @@
+// Starts the daemon under the protocol's official clients: with a handshake, and without.
+// Its one argument is the command `quillet`. Each client lists and calls tools, has one disabled,
+// cancels, makes 300 calls at once, and starts a second daemon on the first one's history.
+
+import assert from "node:assert/strict";
+import { mkdtempSync, rmSync, writeFileSync } from "node:fs";
+import { tmpdir } from "node:os";
+import { join } from "node:path";
+import { Client as TodaysClient } from "@modelcontextprotocol/client";
+import { StdioClientTransport as TodaysTransport } from "@modelcontextprotocol/client/stdio";
+import { Client } from "@modelcontextprotocol/sdk/client/index.js";
+import { StdioClientTransport } from "@modelcontextprotocol/sdk/client/stdio.js";
+
+const INFO = { name: "interop", version: "1.0.0" };
+const CLIENTS = {
+  "sdk, with a handshake": [() => new Client(INFO), StdioClientTransport],
+  "client, without": [
+    () => new TodaysClient(INFO, { versionNegotiation: { mode: "auto" } }),
+    TodaysTransport,
+    "2026-07-28",
+  ],
+};
+const TOOLS = "search_text read_file count_lines embed_text status get_tool_performance_stats";
+
+async function connected([makeClient, Transport], folder) {
+  const args = ["serve", "--repository", folder];
+  const client = makeClient();
+  await client.connect(new Transport({ command: process.argv[2], args, stderr: "ignore" }));
+  return client;
+}
+
+async function converse(kind, folder) {
+  const client = await connected(kind, folder);
+  const call = (name, args = {}) => client.callTool({ name, arguments: args });
+  const read = (path) => call("read_file", { path });
+
+  const { tools } = await client.listTools();
+  assert.equal(tools.map((tool) => tool.name).join(" "), TOOLS);
+  assert.equal(client.getServerVersion().name, "quillet");
+  assert.equal(client.getNegotiatedProtocolVersion?.(), kind[2]);
+  assert.deepEqual((await read("a.txt")).structuredContent.lines, ["text"]);
+
+  const wrong = await call("read_file", { path: 5 });
+  assert.ok(wrong.isError && wrong.content[0].text === "path must be a text");
+  await assert.rejects(call("read_mind"), { code: -32602 });
+
+  const abort = new AbortController();
+  const options = { signal: abort.signal };
+  const cancelled = client.callTool(
+    { name: "search_text", arguments: { text: "no such text" } },
+    ...(kind[1] === StdioClientTransport ? [undefined, options] : [options]),
+  );
+  abort.abort("interop");
+  await assert.rejects(cancelled);
+
+  const counts = await Promise.all(Array.from({ length: 300 }, () => call("count_lines")));
+  assert.ok(counts.every((count) => count.structuredContent.other === 1));
+
+  for (let n = 0; n < 5; n++) assert.ok((await read("gone.txt")).isError);
+  assert.match((await read("a.txt")).content[0].text, /^read_file kept failing and is disabled; /);
+  await client.close();
+
+  const second = await connected(kind, folder);
+  const status = { name: "status", arguments: { action: "perf_stats" } };
+  const health = (await second.callTool(status)).structuredContent.tools;
+  const { disabled, call_count, error_count } = health[0];
+  assert.deepEqual([disabled, call_count, error_count], [true, 6, 5]);
+  assert.equal(health.find((tool) => tool.tool_name === "count_lines").call_count, 300);
+  await second.close();
+}
+
+for (const [name, kind] of Object.entries(CLIENTS)) {
+  const folder = mkdtempSync(join(tmpdir(), "interop "));
+  writeFileSync(join(folder, "a.txt"), "text\n");
+  await converse(kind, folder);
+  rmSync(folder, { recursive: true });
+  console.log(`${name}: all as it should be`);
+}
