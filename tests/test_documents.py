@@ -3,6 +3,7 @@
 import doctest
 import importlib.util
 import re
+import shutil
 import signal
 import sqlite3
 import subprocess
@@ -85,14 +86,17 @@ def test_the_guide_says_where_the_module_looks():
 def test_the_readme(tmp_path):
     (tmp_path / ".venv").symlink_to(Path(sys.prefix))
     (tmp_path / "notes.txt").write_text("the cooldown\n")
-    [program], [printed] = snippets("README.md", "python"), snippets("README.md", "text")
+    [program], (told, printed) = snippets("README.md", "python"), snippets("README.md", "text")
     run = subprocess.run(
         [sys.executable, "-c", program], cwd=tmp_path, capture_output=True, text=True
     )
     assert run.stdout == printed, run.stderr
-    [call] = [block for block in snippets("README.md", "sh") if "echo" in block]
-    run = subprocess.run(call, shell=True, cwd=tmp_path, capture_output=True, text=True)
-    assert "notes.txt" in run.stdout, run.stderr
+    shutil.rmtree(tmp_path / ".quillet")
+    [play] = [block for block in snippets("README.md", "sh") if "quillet play" in block]
+    run = subprocess.run(play, shell=True, cwd=tmp_path, capture_output=True, text=True)
+    moments, spaces = re.compile(r"\d+"), re.compile(r"(\\ )+")
+    pattern = spaces.sub(r"\\s+", moments.sub(r"\\d+", re.escape(told.strip())))
+    assert re.search(pattern, run.stdout), run.stderr
     needed = re.search(r"Debian 12's packages (.*?);", (ROOT / "README.md").read_text(), re.S)[1]
     packages = set(re.split(r",\s+|\s+and\s+", needed))
     assert packages <= set((ROOT / "packages.txt").read_text().split())

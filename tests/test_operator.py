@@ -124,6 +124,9 @@ def test_no_command_takes_modules_from_the_folder_or_the_environment(folder):
     for name in ("json", "sitecustomize", "usercustomize", "rich", "quillet", "asyncio"):
         for place in (folder, folder / "served"):
             (place / f"{name}.py").write_text("raise SystemExit('hostile')")
+    server = json.loads(snippets("README.md", "json")[0])["mcpServers"]["quillet"]
+    assert server["command"].endswith("/.venv/bin/quillet")
+    assert server["args"][:2] == ["serve", "--repository"]
     for command, answer in {"serve": "", "play": "", "status": '{"database": '}.items():
         run = subprocess.run(
             [home / "bin/quillet", command, "--repository", "served"],
