@@ -1,5 +1,6 @@
 """The wheels, built and installed by the documents' commands; and the module's types."""
 
+import ast
 import os
 import re
 import shutil
@@ -14,6 +15,7 @@ from quillet.tool_handlers import health
 
 GUIDE = "docs/integration.md"
 SUFFIX = ".cpython-311-x86_64-linux-gnu.so"
+STUB = Path(health.__file__).with_name("health.pyi")
 USE = "print(ToolHealthTracker.__module__)"
 
 pytestmark = pytest.mark.skipif("LD_PRELOAD" in os.environ, reason="a build of its own is tested")
@@ -79,5 +81,15 @@ def test_wheels_are_built_installed_and_used_as_the_documents_say(tmp_path, monk
     assert version.strip() == wheel.name.split("-")[1]
 
 
-def test_the_stub_is_the_modules():
-    run(sys.executable, "-m", "mypy.stubtest", health.__name__, cwd=ROOT)
+def test_the_stub_is_the_modules(tmp_path):
+    stub = STUB.read_text()
+    for_checkers = re.findall(r"^@type_check_only\nclass (\w+)", stub, re.M)
+    allowed = tmp_path / "allowed"
+    allowed.write_text("".join(f"{health.__name__}.{name}\n" for name in for_checkers))
+    run(sys.executable, "-m", "mypy.stubtest", health.__name__, "--allowlist", allowed, cwd=ROOT)
+    for told in (node for node in ast.walk(ast.parse(stub)) if isinstance(node, ast.FunctionDef)):
+        tracker = health.ToolHealthTracker
+        real = getattr(tracker, told.name, getattr(health, told.name, None))
+        texts = ast.get_docstring(told), (tracker if told.name == "__init__" else real).__doc__
+        errors, in_help = (set(re.findall(r"\w+Error", text or "")) for text in texts)
+        assert errors == in_help, told.name

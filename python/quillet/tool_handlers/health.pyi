@@ -3,40 +3,53 @@
 import logging
 from collections.abc import Callable, Mapping, Sequence
 from dataclasses import dataclass
-from typing import Any, Final, NotRequired, Protocol, TypeAlias, TypedDict
+from typing import Any, Final, NotRequired, Protocol, TypeAlias, TypedDict, type_check_only
 
-# Types alone, not in the module: what it is given. Their names have an underscore, as those of
-# the answers' types below.
+# Types for checkers, not in the module: import them under `typing.TYPE_CHECKING`. First what the
+# module is given.
 
-class _Database(Protocol):
-    """Synchronous; what a call has changed is durable when it returns. Rows go by position."""
+@type_check_only
+class Row(Protocol):
+    """Its columns go by position: a tuple or an `sqlite3.Row`, among others."""
 
-    def fetchall(self, sql: str, /) -> Sequence[Sequence[Any]]: ...
-    def fetchone(self, sql: str, parameters: tuple[Any, ...], /) -> Sequence[Any] | None: ...
+    def __getitem__(self, column: int, /) -> Any: ...
+
+@type_check_only
+class Database(Protocol):
+    """Synchronous; what a call has changed is durable when it returns."""
+
+    def fetchall(self, sql: str, /) -> Sequence[Row]: ...
+    def fetchone(self, sql: str, parameters: tuple[Any, ...], /) -> Row | None: ...
     def execute(self, sql: str, parameters: tuple[Any, ...], /) -> object: ...
-    def executemany(self, sql: str, rows: Sequence[tuple[Any, ...]], /) -> object: ...
+    def executemany(self, sql: str, rows: list[tuple[Any, ...]], /) -> object: ...
 
-class _Repository(Protocol):
+@type_check_only
+class Repository(Protocol):
     @property
-    def db(self) -> _Database: ...
+    def db(self) -> Database: ...
 
-class _Limits(Protocol):
+@type_check_only
+class Limits(Protocol):
     @property
     def disable_after_errors(self) -> int: ...
     @property
     def disable_cooldown_s(self) -> float: ...
 
-class _ToolSpec(Protocol):
+@type_check_only
+class ToolSpec(Protocol):
     def action(self, name: Any, /) -> object:
         """The entry of an action; None for what the tool lacks."""
 
-class _Tools(Protocol):
-    def get(self, tool: Any, /) -> _ToolSpec | None: ...
+@type_check_only
+class Tools(Protocol):
+    def get(self, tool: Any, /) -> ToolSpec | None: ...
 
-class _TimingCollector(Protocol):
+@type_check_only
+class TimingCollector(Protocol):
     def get_all_stats(self) -> Sequence[Mapping[str, Any]]: ...
 
-class _ThreadCensus(Protocol):
+@type_check_only
+class ThreadCensus(Protocol):
     @property
     def os_threads(self) -> int | None: ...
     @property
@@ -44,12 +57,13 @@ class _ThreadCensus(Protocol):
     @property
     def python_threads(self) -> Mapping[str, int]: ...
 
-# Types alone: the answers.
+# The answers.
 
 # None, a text, or whatever else an edited row may hold.
 _StoredText: TypeAlias = str | int | float | bytes | None
 
-class _UsageRow(TypedDict):
+@type_check_only
+class UsageRow(TypedDict):
     """The calls of one action, outcome and use of a synonym; `avg_ms` is their mean time."""
 
     action: str | None
@@ -59,7 +73,8 @@ class _UsageRow(TypedDict):
     avg_ms: float | None
     slow: bool
 
-class _HealthRecord(TypedDict):
+@type_check_only
+class HealthRecord(TypedDict):
     """One tool of `get_health_summary`; times are in UTC, "YYYY-MM-DD HH:MM:SS"."""
 
     tool_name: str
@@ -69,9 +84,10 @@ class _HealthRecord(TypedDict):
     disabled: bool
     disabled_at: str | None
     updated_at: str
-    usage: list[_UsageRow]
+    usage: list[UsageRow]
 
-class _ToolPerformance(TypedDict):
+@type_check_only
+class ToolPerformance(TypedDict):
     """One tool of `handle_get_tool_performance_stats`; the values are the collector's own."""
 
     name: str
@@ -82,10 +98,12 @@ class _ToolPerformance(TypedDict):
     max_ms: float
     errors: int
 
-class _ToolPerformanceStats(TypedDict):
-    tools: list[_ToolPerformance]
+@type_check_only
+class ToolPerformanceStats(TypedDict):
+    tools: list[ToolPerformance]
 
-class _ThreadReport(TypedDict):
+@type_check_only
+class ThreadReport(TypedDict):
     os: NotRequired[int]
     python: int
     python_by_name: dict[str, int]
@@ -94,11 +112,11 @@ class _ThreadReport(TypedDict):
 
 # The module. First the daemon's own objects: found where the module is installed, unless set here.
 
-TOOLS: _Tools
-ToolsConfig: Callable[[], _Limits]
+TOOLS: Tools
+ToolsConfig: Callable[[], Limits]
 is_slow_call: Callable[[str, str | None], bool]
-get_timing_collector: Callable[[], _TimingCollector]
-thread_census: Callable[[], _ThreadCensus]
+get_timing_collector: Callable[[], TimingCollector]
+thread_census: Callable[[], ThreadCensus]
 
 __version__: str
 logger: logging.Logger
@@ -113,7 +131,7 @@ class ToolHealthTracker:
     all may be called from any thread.
     """
 
-    def __init__(self, repository: _Repository, limits: _Limits | None = None) -> None:
+    def __init__(self, repository: Repository, limits: Limits | None = None) -> None:
         """Reads the history; one that cannot be read is logged as a warning and left out.
 
         Args:
@@ -125,7 +143,7 @@ class ToolHealthTracker:
         convert; a constructor that failed can be called again.
         """
     @property
-    def limits(self) -> _Limits:
+    def limits(self) -> Limits:
         """The settings, as given to the constructor."""
     @property
     def cooldown_s(self) -> float:
@@ -175,15 +193,15 @@ class ToolHealthTracker:
         write that fails raises the database's error; what it was to write goes out with the next
         flush.
         """
-    def get_health_summary(self) -> list[_HealthRecord]:
+    def get_health_summary(self) -> list[HealthRecord]:
         """Every tool with its health and usage, new: most errors first, then most calls.
 
         A tool's usage has most calls first. Whatever `is_slow_call` raises is passed on.
         """
     @property
-    def _repo(self) -> _Repository: ...
+    def _repo(self) -> Repository: ...
     @property
-    def _limits(self) -> _Limits: ...
+    def _limits(self) -> Limits: ...
     @property
     def _state(self) -> dict[str, _ToolState]:
         """A copy of the tools' states."""
@@ -200,21 +218,21 @@ class ToolHealthTracker:
     def _flush_health(self) -> int: ...
     def _flush_usage(self) -> int: ...
 
-def handle_get_tool_performance_stats() -> _ToolPerformanceStats:
+def handle_get_tool_performance_stats() -> ToolPerformanceStats:
     """The performance metrics of all tools, in the timing collector's order and with its values.
 
     Raises KeyError for a record of the collector's that lacks one of them.
     """
 
-def thread_census_report(budget: int, census: _ThreadCensus | None = None) -> _ThreadReport:
+def thread_census_report(budget: int, census: ThreadCensus | None = None) -> ThreadReport:
     """A report on the process's threads, with a warning when there are more than the budget.
 
     Args:
         budget: the most threads that the process's pools allow.
         census: a ThreadCensus; one is taken now, which may block, when None.
 
-    `os`, the operating system's count, is left out where it has none. Raises AttributeError for a
-    census that lacks a field.
+    `os`, the operating system's count, is left out where it has none. Raises TypeError for a budget
+    that is no integer and AttributeError for a census that lacks a field.
     """
 
 _SQLITE_TIMESTAMP: Final = "%Y-%m-%d %H:%M:%S"
@@ -249,7 +267,10 @@ def _sqlite_time(epoch: float | None) -> str | None:
     """
 
 def _epoch(text: str | None) -> float | None:
-    """The epoch seconds of a timestamp text; None for one that cannot be read."""
+    """The epoch seconds of a timestamp text; None when it is None, empty or cannot be read.
+
+    Raises TypeError for a value that is neither empty nor text.
+    """
 
 def _known(tool: object, action: object) -> bool:
     """Whether the registry has the tool and, unless `action` is None, that action."""
