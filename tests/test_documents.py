@@ -1,5 +1,6 @@
 """The documents' code runs as it stands and does what they say; so does the example's daemon."""
 
+import contextlib
 import doctest
 import importlib.util
 import re
@@ -20,11 +21,15 @@ from quillet.tool_handlers import health
 
 GUIDE = "docs/integration.md"
 DAEMON = """
-import asyncio, harbord
+import asyncio, runpy, threading, harbord
 harbord.FLUSH_PERIOD_S = 0.01
-def odd(name):
-    raise ValueError("caf\\udce9")
-harbord.TOOLS["odd"] = harbord.Tool(odd)
+def hang(_):
+    print("begun", flush=True)
+    threading.Event().wait()
+def odd(_):
+    raise OSError("caf\\udce9")
+harbord.TOOLS |= {"hang": harbord.Tool(hang), "odd": harbord.Tool(odd)}
+CHANGE
 asyncio.run(harbord.main("db"))
 """
 
@@ -102,32 +107,62 @@ def test_the_readme(tmp_path):
     assert packages <= set((ROOT / "packages.txt").read_text().split())
 
 
+@contextlib.contextmanager
+def start_daemon(change="", lines=subprocess.PIPE):
+    command = [sys.executable, "-c", DAEMON.replace("CHANGE", change)]
+    pipes = dict.fromkeys(("stdout", "stderr"), subprocess.PIPE)
+    with subprocess.Popen(command, stdin=lines, **pipes, text=True) as daemon:
+        try:
+            yield daemon
+        finally:
+            daemon.kill()
+
+
 def test_the_example_daemon_saves_now_and_then_and_at_its_end(plain):
-    command = [sys.executable, "-c", DAEMON]
-    options = dict.fromkeys(("stdin", "stdout", "stderr"), subprocess.PIPE)
-    daemon = subprocess.Popen(command, text=True, errors="surrogateescape", **options)
-
-    def ask(*calls):
-        daemon.stdin.write("".join(call + "\n" for call in calls))
+    def ask(call):
+        daemon.stdin.write(call + "\n")
         daemon.stdin.flush()
-        return [daemon.stdout.readline().split("[")[0].strip() for _ in calls]
+        return daemon.stdout.readline()
 
-    assert ask("upper moin", "fly away") == ["MOIN", "no tool 'fly'"]
-    db = sqlite3.connect("db", isolation_level=None)
-    db.execute("ALTER TABLE tool_health RENAME TO moved")
-    assert ask("size .", "size \N{BELL}") == [str(Path().stat().st_size), "size failed:"]
-    assert "Could not save the tools' health" in daemon.stderr.readline()
-    db.execute("ALTER TABLE moved RENAME TO tool_health")
-    saved = "SELECT call_count FROM tool_health WHERE tool_name = 'size'"
-    while db.execute(saved).fetchall() != [(2,)]:
-        assert daemon.poll() is None
-    answers = ["size failed:", 'size is disabled: "', r"CAF\XE9", r"odd failed: caf\udce9"]
-    assert ask("size nowhere", "size .", "upper caf\udce9", "odd one") == answers
-    daemon.send_signal(signal.SIGTERM)
-    assert daemon.wait() == 0, daemon.stderr.read()
-    rows = db.execute("SELECT tool_name, call_count, disabled_at IS NULL FROM tool_health")
-    assert sorted(rows) == [("odd", 1, 1), ("size", 3, 0), ("upper", 2, 1)]
-    again = subprocess.run(command, input="size .\n", capture_output=True, text=True)
-    assert again.stdout.startswith("size is disabled"), again.stderr
-    daemon.communicate()
+    with start_daemon() as daemon:
+        assert [ask("upper moin"), ask("fly away")] == ["MOIN\n", "no tool fly\n"]
+        with start_daemon() as second:
+            assert second.communicate() == ("", "db is in use by another process\n")
+        assert second.returncode == 1
+        db = sqlite3.connect("db", isolation_level=None)
+        db.execute("ALTER TABLE tool_health RENAME TO moved")
+        assert ask("upper x") == "X\n"
+        assert daemon.stderr.readline().startswith("Could not save the tools' health this time: ")
+        db.execute("ALTER TABLE moved RENAME TO tool_health")
+        while db.execute("SELECT call_count FROM tool_health").fetchall() != [(2,)]:
+            assert daemon.poll() is None
+        assert ask("hang") == "begun\n"
+        daemon.send_signal(signal.SIGTERM)
+        assert daemon.wait(timeout=30) == 0
+    rows = "SELECT tool_name, call_count, disabled_at IS NULL FROM tool_health"
+    assert db.execute(rows).fetchall() == [("upper", 2, 1)]
+    usage = str([*db.iterdump()])
+    assert '"tool":"hang","action":null,"outcome":"cancelled"' in usage
+    assert '"calls":2,"timed_calls":2' in usage
+
+    Path("calls").write_text("odd\nodd\nodd\nupper x")
+    with open("calls") as calls, start_daemon(lines=calls) as daemon:
+        odd = r"caf\udce9"  # which SQLite takes as it stands here
+        said = f"odd failed: {odd}\n" * 2 + f"odd is disabled: {odd!r}\nX\n"
+        assert daemon.communicate() == (said, "")
+    assert sorted(db.execute(rows)) == [("odd", 2, 0), ("upper", 3, 1)]
     db.close()
+
+
+@pytest.mark.parametrize(
+    ("change", "said"),
+    [
+        ("runpy.run_path(harbord.__file__, run_name='__main__')", "usage: harbord.py DATABASE: "),
+        ("harbord.health.TOOLS = {}", "no tools: a tracker would delete the history of all\n"),
+        ("harbord.SCHEMA = ''", "sqlite3.OperationalError: no such table: tool_health\n"),
+    ],
+)
+def test_the_example_daemon_says_why_it_ends(plain, change, said):
+    with start_daemon(change) as daemon:
+        printed, error = daemon.communicate("upper x\n")
+    assert (daemon.returncode, said in error) == (1, True), error
