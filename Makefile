@@ -4,15 +4,16 @@ PYTHON := /usr/bin/python3
 MESON := /usr/bin/meson
 VENV := .venv
 SITE_PACKAGES := $(CURDIR)/$(VENV)/lib/python3.11/site-packages
-INSTALL_HERE := -Ddevelopment=true -Dpython.platlibdir="$(SITE_PACKAGES)" \
-	-Dpython.purelibdir="$(SITE_PACKAGES)"
+INSTALL_HERE := -Dprogram=true -Ddevelopment=true -Dbindir="$(CURDIR)/$(VENV)/bin" \
+	-Dpython.platlibdir="$(SITE_PACKAGES)" -Dpython.purelibdir="$(SITE_PACKAGES)"
 REBUILD := ninja --quiet -C build/release >build/ninja.log || { cat build/ninja.log; exit 1; }
 PLAY := $(VENV)/bin/quillet play --repository . --config examples/config.toml \
 	--database build/example.db
 
 # A build for `make check` is installed within itself, and loaded with its sanitizer's runtime.
-SETUP_CHECKED = $(MESON) setup -Ddevelopment=true -Dbuildtype=debugoptimized \
-	-Dpython.platlibdir="$(CURDIR)/$(@D)/site" -Dpython.purelibdir="$(CURDIR)/$(@D)/site"
+SETUP_CHECKED = $(MESON) setup -Dprogram=true -Ddevelopment=true -Dbuildtype=debugoptimized \
+	-Dbindir="$(CURDIR)/$(@D)/bin" -Dpython.platlibdir="$(CURDIR)/$(@D)/site" \
+	-Dpython.purelibdir="$(CURDIR)/$(@D)/site"
 INSTALL_CHECKED = ninja --quiet -C build/$(1) && $(MESON) install -C build/$(1) --only-changed --quiet
 CHECKED = PYTHONPATH=build/$(1)/site PYTHONMALLOC=malloc ASAN_OPTIONS=detect_leaks=0 \
 	UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 TSAN_OPTIONS=halt_on_error=1 \

@@ -1,4 +1,4 @@
 #!/bin/sh
-# The program, beside the interpreter that it runs with, which a "#!" could not name if its path had
-# a space. Isolated, it takes modules from nowhere else: not from the folder that one stands in.
+# Starts the program with the interpreter beside it, which a "#!" could not name where its path has a
+# space. It is isolated: the folder that one stands in gives it no modules.
 exec "$(dirname "$(readlink -f "$0")")/python" -I -m quillet "$@"

@@ -91,7 +91,7 @@ def test_the_guide_says_where_the_module_looks():
 def test_the_readme(tmp_path):
     (tmp_path / ".venv").symlink_to(Path(sys.prefix))
     (tmp_path / "notes.txt").write_text("the cooldown\n")
-    [program], (told, printed) = snippets("README.md", "python"), snippets("README.md", "text")
+    [program], (told, printed, _) = snippets("README.md", "python"), snippets("README.md", "text")
     run = subprocess.run(
         [sys.executable, "-c", program], cwd=tmp_path, capture_output=True, text=True
     )

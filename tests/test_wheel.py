@@ -1,4 +1,4 @@
-"""The wheels, built and installed by the documents' commands; and the module's types."""
+"""The wheels, built and installed by the README's commands; and the module's types."""
 
 import ast
 import os
@@ -13,10 +13,10 @@ import pytest
 from documents import ROOT, snippets
 from quillet.tool_handlers import health
 
-GUIDE = "docs/integration.md"
 SUFFIX = ".cpython-311-x86_64-linux-gnu.so"
+HARBORD = "examples/embedding/harbord.py"
+USER = "from mydaemon.tool_handlers import health as h; print(h.__name__, h.__version__)"
 STUB = Path(health.__file__).with_name("health.pyi")
-USE = "print(ToolHealthTracker.__module__)"
 
 pytestmark = pytest.mark.skipif("LD_PRELOAD" in os.environ, reason="a build of its own is tested")
 
@@ -26,14 +26,19 @@ def run(*command, **options):
     return subprocess.run(command, **options).stdout
 
 
-def check_types(python, *files):
+def check_types(python, *files, **options):
     """As a user of that interpreter's modules would."""
     mypy = (sys.executable, "-m", "mypy", "--strict", "--config-file=")
-    run(*mypy, "--python-executable", python, *files)
+    return run(*mypy, "--python-executable", python, *files, **options)
+
+
+def held(place):
+    [wheel] = Path("build", place).iterdir()
+    return {name for name in zipfile.ZipFile(wheel).namelist() if ".dist-info/" not in name}
 
 
 @pytest.mark.timeout(600)
-def test_wheels_are_built_installed_and_used_as_the_documents_say(tmp_path, monkeypatch):
+def test_wheels_are_built_installed_and_used_as_the_readme_says(tmp_path, monkeypatch):
     monkeypatch.setenv("PIP_NO_INDEX", "1")
     monkeypatch.delenv("PYTHONPATH", raising=False)
     # Compiled once, quickly, for all three.
@@ -46,39 +51,43 @@ def test_wheels_are_built_installed_and_used_as_the_documents_say(tmp_path, monk
         shutil.copy2(ROOT / file, tmp_path / file)
     run("git", "init", "--quiet")
     run("git", "add", "--all")
-    (tmp_path / "build").mkdir()
+    Path("build").mkdir()
+    plain, play, mydaemon, program = [b for b in snippets("README.md", "sh") if "build/" in b]
 
-    commands = [*snippets("README.md", "sh"), *snippets(GUIDE, "sh")]
-    printed = [run(text, shell=True) for text in commands if "build/" in text]
-    assert printed[-1] == snippets(GUIDE, "text")[-1]
-    assert run("git", "ls-files", "--others", "--exclude-standard") == ""
-
-    for place, name, types in (
-        ("wheel", "quillet.tool_handlers.health", "quillet/tool_handlers/health.pyi"),
-        ("mydaemon", "mydaemon.tool_handlers.health", "mydaemon/tool_handlers/health.pyi"),
-        ("plain", "health", "health-stubs/__init__.pyi"),
-    ):
-        [wheel] = Path("build", place).iterdir()
-        python = Path("build", f"venv_{place}", "bin", "python")
-        run("/usr/bin/python3", "-m", "venv", "--without-pip", python.parent.parent)
-        run("/usr/bin/python3", "-m", "pip", "--python", python, "install", wheel)
-        extension = str(Path(*name.split(".")).with_suffix(SUFFIX))
-        held = {extension, types, str(Path(types).with_name("py.typed"))}
-        held -= {"health-stubs/py.typed"}
-        assert {n for n in zipfile.ZipFile(wheel).namelist() if ".dist-info/" not in n} == held
-        Path("user.py").write_text(f"from {name} import ToolHealthTracker\n{USE}")
-        assert run(python, "user.py").strip() == name
-        check_types(python, "user.py")
-
-    site = Path("build/harbor/lib/python3.11/site-packages")
+    run(plain, shell=True)
+    assert held("wheel") == {f"health{SUFFIX}", "health-stubs/__init__.pyi"}
+    assert run(play, shell=True) == snippets("README.md", "text")[-1]
+    site = Path("build/fresh/lib/python3.11/site-packages")
     assert ".symtab" not in run("readelf", "-S", "--wide", site / f"health{SUFFIX}")
     needed = run("readelf", "-d", site / f"health{SUFFIX}").split("(NEEDED)")[1:]
     assert {re.search(r"\[lib(\w+)", line)[1] for line in needed} <= {"stdc", "m", "gcc_s", "c"}
-    Path("types_of_answers.py").write_text(snippets(GUIDE, "python")[-1])
-    daemon = "examples/embedding/harbord.py"
-    check_types("build/harbor/bin/python", "types_of_answers.py", daemon)
-    version = run("build/harbor/bin/python", "-c", "import health; print(health.__version__)")
-    assert version.strip() == wheel.name.split("-")[1]
+    Path("build/user.py").write_text(snippets("docs/integration.md", "python")[-1])
+    check_types("build/fresh/bin/python", "build/user.py", HARBORD)
+
+    *build, install = mydaemon.splitlines()
+    run("\n".join([*build, install.replace("--force-reinstall", "")]), shell=True)
+    assert (site / f"health{SUFFIX}").exists() and not (site / "mydaemon").exists()
+    run(install, shell=True)
+    assert not [*site.glob("health*")]
+    home = "mydaemon/tool_handlers"
+    assert held("mydaemon") == {
+        f"{home}/{n}" for n in (f"health{SUFFIX}", "health.pyi", "py.typed")
+    }
+    Path("build/user.py").write_text(USER)
+    name, version = run("build/fresh/bin/python", "build/user.py").split()
+    assert name == "mydaemon.tool_handlers.health"
+    check_types("build/fresh/bin/python", "build/user.py")
+
+    run("meson", "configure", "build/compiled", "-Dpackage=")
+    *build, command = program.splitlines()
+    run("\n".join(build), shell=True)
+    Path("argparse.py").write_text("1 / 0")  # the program takes no modules from here
+    assert run(command, shell=True) == run(ROOT / ".venv/bin/quillet", "--help")
+    Path("argparse.py").unlink()
+    sources = {file[7:] for file in files if file.startswith("python/quillet/")}
+    script = f"quillet_health-{version}.data/scripts/quillet"
+    assert held("program") == {*sources, script, f"quillet/tool_handlers/health{SUFFIX}"}
+    assert run("git", "ls-files", "--others", "--exclude-standard") == ""
 
 
 def test_the_stub_is_the_modules(tmp_path):
@@ -93,3 +102,15 @@ def test_the_stub_is_the_modules(tmp_path):
         texts = ast.get_docstring(told), (tracker if told.name == "__init__" else real).__doc__
         errors, in_help = (set(re.findall(r"\w+Error", text or "")) for text in texts)
         assert errors == in_help, told.name
+
+
+def test_the_stub_takes_rows_of_any_kind_and_names_a_coroutine(tmp_path):
+    shutil.copy(STUB, tmp_path)
+    daemon = (ROOT / HARBORD).read_text() + '    db: "health.Database" = Database(path)\n'
+    rows = re.sub(r"tuple\[Any, \.\.\.\](?=\]:| \| None:)", "sqlite3.Row", daemon)
+    coroutine = daemon.replace("def fetchall", "async def fetchall")
+    for text, refused in (daemon, []), (rows, []), (coroutine, ["fetchall"]):
+        (tmp_path / "daemon.py").write_text(text)
+        said = check_types(sys.executable, "daemon.py", cwd=tmp_path, check=False)
+        assert re.findall(r"Got:\n.* def (\w+)\(.*Coroutine", said) == refused
+        assert said.count('"ToolHealthTracker" has incompatible type') == len(refused), said
