@@ -9,6 +9,8 @@ import signal
 import sqlite3
 import subprocess
 import sys
+from concurrent.futures import ThreadPoolExecutor
+from functools import partial
 from pathlib import Path
 from types import SimpleNamespace
 from unittest import mock
@@ -32,6 +34,10 @@ harbord.TOOLS |= {"hang": harbord.Tool(hang), "odd": harbord.Tool(odd)}
 CHANGE
 asyncio.run(harbord.main("db"))
 """
+
+
+def guide():
+    return (ROOT / GUIDE).read_text(encoding="utf-8")
 
 
 @pytest.fixture
@@ -62,30 +68,55 @@ def test_the_guide_is_one_session(plain):
 
 
 def test_the_guide_says_where_the_module_looks():
-    rows = re.findall(r"^\| `([\w.]*health)` \| `([\w.]+)` \|$", (ROOT / GUIDE).read_text(), re.M)
-    assert len(rows) == 6
+    rows = re.findall(r"^\| `([\w.]*health)` \| `([\w.]+)` \|$", guide(), re.M)
+    assert len(rows) == 4
     for name, home in rows:
-        package = home.removesuffix("config")
-        homes = {package + module: None for module in ("config", "tool_registry", "tool_schemas")}
-        with mock.patch.dict(sys.modules, homes):  # as where a registry is importing the module
-            spec = importlib.util.spec_from_file_location(name, health.__file__)
-            module = importlib.util.module_from_spec(spec)
-            spec.loader.exec_module(module)
-            with pytest.raises(ImportError, match=home):
-                module.ToolHealthTracker(None)
         found = SimpleNamespace(
             ToolsConfig=lambda: ToolsConfig(7),
             TOOLS=SimpleNamespace(get=lambda tool: 0),
             is_slow_call=lambda tool, action: "slow",
         )
+        modules = (home.replace("config", module) for module in ("tool_registry", "tool_schemas"))
         packages = "mydaemon", "company", "company.mydaemon"
-        with mock.patch.dict(sys.modules, dict.fromkeys([*homes, *packages], found)):
+        with mock.patch.dict(sys.modules, dict.fromkeys([home, *modules, *packages], found)):
+            spec = importlib.util.spec_from_file_location(name, health.__file__)
+            module = importlib.util.module_from_spec(spec)
+            spec.loader.exec_module(module)
             t = module.ToolHealthTracker(Stored([("a", 1, 2, "e", None, None)]))
             call(t)
             [record] = t.get_health_summary()
         assert (t.limits.disable_after_errors, record["error_count"]) == (7, 2)
         assert record["usage"][0]["slow"] is True
         assert module.__name__ == module.logger.name == name
+
+
+@pytest.mark.filterwarnings("ignore:coroutine")
+def test_databases_do_what_the_guide_says(plain, caplog):
+    import harbord
+
+    def with_rows(path):
+        database = harbord.Database(path)
+        database._connection.row_factory = sqlite3.Row
+        return database
+
+    makers = (
+        *(harbord.Database, with_rows, sqlite3.connect),
+        partial(sqlite3.connect, check_same_thread=False),
+        *(lambda path: mock.AsyncMock(), lambda path: object()),
+    )
+    table = re.findall(r"^\| (.*?) \| (\w+) \| (\w+) \| (yes|no) \|$", guide(), re.M)
+    for (path, *said), make in zip(table, makers, strict=True):
+        stored, repository = harbord.Database(path), harbord.Repository(make(path))
+        caplog.clear()
+        tracker = harbord.health.ToolHealthTracker(repository, ToolsConfig())
+        start = "warns" if caplog.records else "works"
+        call(tracker)
+        tracker.record_success("upper")
+        with ThreadPoolExecutor(1) as threads:
+            flush = threads.submit(tracker.flush)
+        flushed = type(flush.exception()).__name__ if flush.exception() else str(flush.result())
+        stored = "yes" if stored.fetchall("SELECT * FROM schema_info") else "no"
+        assert said == [start, flushed, stored], path
 
 
 def test_the_readme(tmp_path):
@@ -154,15 +185,12 @@ def test_the_example_daemon_saves_now_and_then_and_at_its_end(plain):
     db.close()
 
 
-@pytest.mark.parametrize(
-    ("change", "said"),
-    [
+def test_the_example_daemon_says_why_it_ends(plain):
+    for change, said in (
         ("runpy.run_path(harbord.__file__, run_name='__main__')", "usage: harbord.py DATABASE: "),
         ("harbord.health.TOOLS = {}", "no tools: a tracker would delete the history of all\n"),
         ("harbord.SCHEMA = ''", "sqlite3.OperationalError: no such table: tool_health\n"),
-    ],
-)
-def test_the_example_daemon_says_why_it_ends(plain, change, said):
-    with start_daemon(change) as daemon:
-        printed, error = daemon.communicate("upper x\n")
-    assert (daemon.returncode, said in error) == (1, True), error
+    ):
+        with start_daemon(change) as daemon:
+            _, error = daemon.communicate("upper x\n")
+        assert (daemon.returncode, said in error) == (1, True), error
