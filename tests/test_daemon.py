@@ -56,7 +56,8 @@ def test_a_failed_flush_is_told_and_tried_again(repository, caplog, monkeypatch)
     assert periodic.saved and failed_at < periodic.saved_at <= time.time()
 
 
-def test_a_failed_write_leaves_nothing_behind(db):
+def test_a_failed_write_leaves_nothing_behind(repository):
+    db = repository.spied
     with pytest.raises(sqlite3.IntegrityError):
         db.executemany("INSERT INTO schema_info VALUES (?, '')", [("a",), ("a",)])
     assert db.fetchall("SELECT * FROM schema_info") == []
