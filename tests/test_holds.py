@@ -71,11 +71,19 @@ def in_turns(other, work):
     return False
 
 
-@pytest.mark.skipif(sys.version_info >= (3, 12), reason="the collector runs between operations")
 @pytest.mark.parametrize("operation", ["_flush_health", "get_health_summary"])
 def test_a_flush_and_a_summary_build_in_turns(other, operation, monkeypatch):
     monkeypatch.setattr(health, "is_slow_call", lambda *_: other.marks.append("."))
     assert in_turns(other, lambda: getattr(full_tracker(), operation)())
+
+
+def test_a_lone_call_lets_nobody_in(other):
+    tracker = full_tracker()
+    tracker.flush()
+    other.marks.clear()
+    for _ in range(ENTRIES):
+        tracker.record_success("tool 1")
+    assert "|" not in other.marks
 
 
 def test_a_start_reads_in_turns(other, monkeypatch):

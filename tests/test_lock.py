@@ -111,9 +111,10 @@ assert t._state["a"].updated_at > 9.3e9
 
 
 # A wait until a time of a clock that is an hour ahead lasts as long as where it is set back.
+@pytest.mark.skipif("LD_PRELOAD" in os.environ, reason="the library hangs under the sanitizers")
 @pytest.mark.parametrize("program", [("-m", "pytest", "-k", "serves_signals"), ("-c", LATE)])
 def test_a_clock_that_is_set_holds_nothing_up(program):
     faked = {"FAKETIME": "+1h", "FAKETIME_NO_CACHE": "1", "FAKETIME_DONT_FAKE_MONOTONIC": "1"}
-    preloaded = [os.environ.get("LD_PRELOAD", ""), *glob("/usr/lib/*/faketime/libfaketimeMT.so.1")]
-    faked |= {"LD_PRELOAD": " ".join(preloaded), "PYTHONPATH": os.pathsep.join(sys.path)}
+    [faked["LD_PRELOAD"]] = glob("/usr/lib/*/faketime/libfaketimeMT.so.1")
+    faked["PYTHONPATH"] = os.pathsep.join(sys.path)
     subprocess.run([sys.executable, *program, __file__], env=os.environ | faked, check=True)

@@ -159,7 +159,7 @@ def memory(tracker):
     return (
         [(tool, fields(state)) for tool, state in tracker._state.items()],
         [(key, fields(usage)) for key, usage in tracker._usage.items()],
-        (sorted(tracker._dirty), tracker._usage_dirty, tracker.has_unsaved_changes),
+        (tracker.has_unsaved_changes, sorted(tracker._dirty), tracker._usage_dirty),
     )
 
 

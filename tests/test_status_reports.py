@@ -72,6 +72,9 @@ def test_a_census_is_taken_only_when_none_is_given(monkeypatch):
     assert report["python"] == 3 and type(report["python_by_name"]) is dict and taken
     with pytest.raises(TypeError, match=r"thread_census_report\(\) argument 'budget' must be int"):
         health.thread_census_report(1.5, given)
+    for named in ({"budget": 1}, {"cens": 1}):
+        with pytest.raises(TypeError, match=f"'{[*named][0]}'"):
+            health.thread_census_report(1, **named)
 
 
 def test_the_daemons_collector():

@@ -44,7 +44,7 @@ def test_a_wrong_argument_is_named_and_records_nothing(tracker, operation, args,
 @pytest.mark.filterwarnings("ignore::DeprecationWarning")
 def test_arguments_may_be_named():
     t = health.ToolHealthTracker(limits=ToolsConfig(1), repository=Stored())
-    t.record_call(**NAMED | {"duration_ms": 1}, tool_name="a", outcome="ok", action=None)
+    t.record_call("a", **NAMED | {"duration_ms": 1}, outcome="ok", action=None)
     legacy = getattr(_testcapi, "unicode_legacy_string", str)  # not ready yet, up to 3.11
     t.record_error("a", error=legacy("\xe9" * 501))
     assert t.is_disabled(**{"".join(["tool_", "name"]): "a"}) == (True, "\xe9" * 500)
@@ -133,7 +133,7 @@ def test_an_unreadable_history_is_logged_but_no_interrupt(tracker, repository, c
     tracker()
     [record] = caplog.records
     assert (record.name, record.levelno) == (health.__name__, logging.WARNING)
-    assert record.args == (error,)
+    assert record.args == (error,) and error.__traceback__
     repository.db.failures[operation] = KeyboardInterrupt()
     with pytest.raises(KeyboardInterrupt):
         tracker()
@@ -160,11 +160,13 @@ def test_it_answers_like_a_python_class(tracker):
 def test_a_constructor_that_failed_can_be_tried_again():
     t = health.ToolHealthTracker.__new__(health.ToolHealthTracker)
     with pytest.raises(ValueError):
-        t.__init__(Stored([("a", "many", 0, None, None, None)]), 1)
-    t.__init__(Stored([("a", 3, 0, None, None, None)]), 2)
+        t.__init__(Stored([("b", 1, 1, *[None] * 3), ("a", "many", 0, *[None] * 3)]), 1)
+    call(t)
+    t.__init__(Stored([("a", 3, 0, *[None] * 3)]), 2)
     with pytest.raises(RuntimeError, match="already"):
         t.__init__(Stored(), 3)
-    assert (t.limits, t._state["a"].call_count) == (2, 3)
+    assert (t.limits, [*t._state], t._state["a"].call_count) == (2, ["a"], 3)
+    assert (t._usage, t.has_unsaved_changes) == ({}, False)
 
 
 @pytest.mark.parametrize("through", ["nothing", "repository", "limits", "itself"])

@@ -55,7 +55,8 @@ Arguments:
     duration_ms: how long the handler ran, in milliseconds, or None when it
         did not run or did not answer.
 
-Raises TypeError for a missing or wrong argument and then counts nothing.)");
+Raises TypeError for a missing or wrong argument and OverflowError for a time
+that no float holds, and then counts nothing.)");
 
 std::optional<double> duration_argument(PyObject* argument) {
     if (argument == Py_None) {

@@ -105,8 +105,8 @@ public:
 
     Ref attribute(PyObject* name) const { return owned(PyObject_GetAttr(object_, name)); }
     Ref item(PyObject* key) const { return owned(PyObject_GetItem(object_, key)); }
-    void set_item(PyObject* key, const Ref& value) const {
-        checked(PyObject_SetItem(object_, key, value));
+    void set_item(PyObject* key, const Ref& value) const {  // of a dict
+        checked(PyDict_SetItem(object_, key, value));
     }
     Ref at(Py_ssize_t position) const { return owned(PySequence_GetItem(object_, position)); }
 

@@ -59,7 +59,7 @@ not convert.)");
 
 int tracker_init(PyObject* self, PyObject* args, PyObject* kwargs) {
     const bool done = succeeds([&] {
-        auto& tracker = tracker_of(self);
+        auto* tracker = as_object(self)->tracker;
         static std::array keywords{const_cast<char*>("repository"), const_cast<char*>("limits"),
                                    static_cast<char*>(nullptr)};
         PyObject* repository = nullptr;
@@ -68,41 +68,49 @@ int tracker_init(PyObject* self, PyObject* args, PyObject* kwargs) {
                                         &repository, &limits) == 0) {
             throw PythonError();
         }
-        auto settings = limits != Py_None ? shared(limits) : find(tracker.module, kToolsConfig)();
-        if (std::exchange(tracker.initialized, true)) {
+        auto settings = limits != Py_None ? shared(limits) : find(tracker->module, kToolsConfig)();
+        tracker = as_object(self)->tracker;
+        if (tracker->initialized) {
             raise(PyExc_RuntimeError, "the tracker is initialized already");
         }
+        if (tracker->limits != nullptr) {
+            auto anew = std::make_unique<Tracker>(tracker->module);
+            anew->self = self;
+            anew->earlier.reset(tracker);
+            tracker = as_object(self)->tracker = anew.release();
+        }
+        tracker->initialized = true;
         const auto error = error_of([&] {
-            if (tracker.limits != nullptr) {
-                tracker.earlier = make_tuple(tracker.limits, tracker.repository, tracker.earlier);
-            }
-            tracker.limits = std::move(settings);
-            tracker.repository = shared(repository);
-            shared(self).method(tracker.names[Name::_load]);
-            shared(self).method(tracker.names[Name::_load_usage]);
+            tracker->limits = std::move(settings);
+            tracker->repository = shared(repository);
+            shared(self).method(tracker->names[Name::_load]);
+            shared(self).method(tracker->names[Name::_load_usage]);
         });
-        tracker.initialized = error == nullptr;
+        tracker->initialized = error == nullptr;
         raise_if(error);
     });
     return done ? 0 : -1;
 }
 
 int tracker_traverse(PyObject* self, visitproc visit, void* arg) {
-    const auto& tracker = tracker_of(self);
-    for (PyObject* referent :
-         {reinterpret_cast<PyObject*>(Py_TYPE(self)), as_object(self)->attributes,
-          tracker.module_owner.get(), tracker.repository.get(), tracker.limits.get(),
-          tracker.earlier.get()}) {
-        Py_VISIT(referent);
+    Py_VISIT(Py_TYPE(self));
+    Py_VISIT(as_object(self)->attributes);
+    for (auto* tracker = as_object(self)->tracker; tracker != nullptr;
+         tracker = tracker->earlier.get()) {
+        Py_VISIT(tracker->module_owner.get());
+        Py_VISIT(tracker->repository.get());
+        Py_VISIT(tracker->limits.get());
     }
     return 0;
 }
 
 int tracker_clear(PyObject* self) {
     Py_CLEAR(as_object(self)->attributes);
-    tracker_of(self).repository = Ref();
-    tracker_of(self).limits = Ref();
-    tracker_of(self).earlier = Ref();
+    for (auto* tracker = as_object(self)->tracker; tracker != nullptr;
+         tracker = tracker->earlier.get()) {
+        tracker->repository = Ref();
+        tracker->limits = Ref();
+    }
     return 0;
 }
 

@@ -1,6 +1,8 @@
 // ToolHealthTracker: a repository's tool health, kept in memory and mirrored into its database.
 #pragma once
 
+#include <memory>
+
 #include "module/operation.hpp"
 #include "module/shared_health.hpp"
 
@@ -22,9 +24,9 @@ struct Tracker {
     bool initialized = false;                  // or being so
     Ref repository;                            // null until __init__ has run
     Ref limits;                                // likewise
-    Ref earlier = none();  // what an __init__ that failed was given: operations may be using it
     SharedHealth health;
-    DisabledAnswer latest_answer;  // guarded by the interpreter lock
+    DisabledAnswer latest_answer;      // guarded by the interpreter lock
+    std::unique_ptr<Tracker> earlier;  // of an __init__ that failed: operations may be using it
 };
 
 Tracker& tracker_of(PyObject* self);

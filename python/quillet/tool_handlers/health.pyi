@@ -170,7 +170,8 @@ class ToolHealthTracker:
             duration_ms: how long the handler ran, in milliseconds, or None when it did not run or
                 did not answer.
 
-        Raises TypeError for a missing or wrong argument and then counts nothing.
+        Raises TypeError for a missing or wrong argument and OverflowError for a time that no float
+        holds, and then counts nothing.
         """
     def record_success(self, tool_name: str) -> None:
         """Record a successful call: ends the tool's run of errors and enables it."""
