@@ -157,9 +157,10 @@ def memory(tracker):
         return repr(record).partition("(")[2]
 
     return (
+        tracker.has_unsaved_changes,  # first: as after a flush that failed
         [(tool, fields(state)) for tool, state in tracker._state.items()],
         [(key, fields(usage)) for key, usage in tracker._usage.items()],
-        (tracker.has_unsaved_changes, sorted(tracker._dirty), tracker._usage_dirty),
+        (sorted(tracker._dirty), tracker._usage_dirty),
     )
 
 
