@@ -29,15 +29,14 @@ def test_disabling_and_return_are_told_once(repository, caplog):
     tracker.record_error("count_lines", "e")
     told = DisabledTools(tracker)
     for tool in ["read_file"] * 2:
-        tracker.record_error(tool, "e")
-        told.failed(tool)
+        told.failed(tool, "e")
     for tool in ("count_lines", "count_lines", "status"):
-        told.is_back(tool, "why")
+        told.succeeded(tool)
     disabling, enabling = caplog.messages
     when = r"it is tried again at (\d{4}-\d\d-\d\d \d\d:\d\d:\d\d) UTC, in (999|1000) s"
     answer = re.fullmatch(f"read_file kept failing and is disabled; {when}", disabling)
     assert health._epoch(answer[1]) >= started + 999  # never too early
-    assert enabling == "count_lines is enabled again: why"
+    assert enabling == "count_lines is enabled again: a call of it succeeded"
 
 
 def test_a_failed_flush_is_told_and_tried_again(repository, caplog, monkeypatch):

@@ -1,4 +1,4 @@
-"""Says which tools are disabled: to the log when that changes, to an agent that calls one."""
+"""Asks and reports for calls which tools are disabled, and tells it the log and the agent."""
 
 import logging
 import threading
@@ -19,32 +19,42 @@ class DisabledTools:
         records = tracker.get_health_summary()
         self._logged = {record["tool_name"] for record in records if record["disabled"]}
 
-    def failed(self, tool: str) -> None:
-        """Logs it when the error just recorded has disabled the tool."""
+    def refusal(self, tool: str) -> str | None:
+        """What an agent is told that calls a disabled tool; None when the tool may be called."""
+        disabled, last_error = self._tracker.is_disabled(tool)
+        if not disabled:
+            self._is_back(tool, "its cooldown has passed")
+            return None
+        error = "unknown" if last_error is None else plain(last_error)
+        again = self._next_try(tool) or AT_ONCE
+        return f"{tool} kept failing and is disabled; {again}; last error: {error}"
+
+    def failed(self, tool: str, error: str) -> None:
+        """Records an error, and logs it when that has disabled the tool."""
+        self._tracker.record_error(tool, error)
         again = self._next_try(tool)
         with self._lock:
             if again and tool not in self._logged:
                 self._logged.add(tool)
                 logger.warning("%s kept failing and is disabled; %s", tool, again)
 
-    def is_back(self, tool: str, why: str) -> None:
+    def succeeded(self, tool: str) -> None:
+        """Records a success, which enables the tool if need be."""
+        self._tracker.record_success(tool)
+        self._is_back(tool, "a call of it succeeded")
+
+    def _is_back(self, tool: str, why: str) -> None:
         """Logs it when a tool that may be called was disabled before."""
         with self._lock:
             if tool in self._logged:
                 self._logged.discard(tool)
                 logger.info("%s is enabled again: %s", tool, why)
 
-    def answer(self, tool: str, last_error: str | int | float | bytes | None) -> str:
-        """What an agent is told that calls a disabled tool."""
-        error = "unknown" if last_error is None else plain(last_error)
-        again = self._next_try(tool) or AT_ONCE
-        return f"{tool} kept failing and is disabled; {again}; last error: {error}"
-
     def _next_try(self, tool: str) -> str | None:
         """That a disabled tool is tried again, and when; None for another.
 
-        The summary has at most as many records as the registry has tools, so that looking through
-        it does not hold up the event loop.
+        The summary has at most as many records as there are tools, so that looking through it does
+        not hold up the event loop.
         """
         for record in self._tracker.get_health_summary():
             if record["tool_name"] == tool and record["disabled"]:

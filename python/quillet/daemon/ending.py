@@ -2,6 +2,7 @@
 
 import asyncio
 import signal
+from contextlib import suppress
 
 from quillet.diagnostics import complain
 
@@ -15,14 +16,18 @@ class Ending:
     """
 
     def __init__(self) -> None:
-        loop = asyncio.get_running_loop()
-        self.status: asyncio.Future[int] = loop.create_future()
+        self._loop = asyncio.get_running_loop()
+        self.status: asyncio.Future[int] = self._loop.create_future()
         for number in SIGNALS:
             if signal.getsignal(number) is not signal.SIG_IGN:  # as nohup has it
-                loop.add_signal_handler(number, self.end, 128 + number)
+                self._loop.add_signal_handler(number, self._end, 128 + number)
 
     def end(self, status: int, why: object = None) -> None:
-        """Gives the reason, and in words if a person should know."""
+        """Gives the reason, in words if a person should know; from any thread."""
+        with suppress(RuntimeError):  # the loop is closed: the process is about to end
+            self._loop.call_soon_threadsafe(self._end, status, why)
+
+    def _end(self, status: int, why: object = None) -> None:
         if not self.status.done():
             self.status.set_result(status)
             if why:

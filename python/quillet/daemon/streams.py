@@ -5,7 +5,6 @@ import os
 import sys
 import threading
 from collections.abc import Callable, Iterator
-from contextlib import suppress
 from io import BufferedReader
 from queue import SimpleQueue
 
@@ -62,15 +61,15 @@ class StandardStreams:
             with open(self._input, "rb", closefd=False) as source:
                 for line in _lines(source):
                     self._room.acquire()
-                    self._in_loop(receive, line)
+                    self._loop.call_soon_threadsafe(receive, line)
             for _ in range(MAX_OPEN):
                 self._room.acquire()
             settling = threading.Thread(target=self._settle, name="settling", daemon=True)
             settling.start()
             settling.join(SETTLING_S)
-            self._in_loop(self._ending.end, 0)
+            self._ending.end(0)
         except Exception as error:
-            self._in_loop(self._ending.end, 1, f"standard input: {error}")
+            self._ending.end(1, f"standard input: {error}")
 
     def _write(self) -> None:
         try:
@@ -82,11 +81,7 @@ class StandardStreams:
                         rest = rest[os.write(self._output, rest) :]
                 self._room.release()
         except Exception as error:
-            self._in_loop(self._ending.end, 1, f"standard output: {error}")
-
-    def _in_loop(self, function: Callable[..., None], *values: object) -> None:
-        with suppress(RuntimeError):  # the loop is closed: the process is about to end
-            self._loop.call_soon_threadsafe(function, *values)
+            self._ending.end(1, f"standard output: {error}")
 
 
 def _lines(source: BufferedReader) -> Iterator[bytes]:

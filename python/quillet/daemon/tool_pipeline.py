@@ -4,10 +4,10 @@ import asyncio
 import time
 from collections.abc import Mapping
 from concurrent.futures import ThreadPoolExecutor
-from enum import StrEnum
 from typing import Any, NamedTuple
 
 from quillet.daemon.disabled_tools import DisabledTools
+from quillet.daemon.outcome import Outcome
 from quillet.daemon.tool_calls import ToolCall, UnclearCall, resolve
 from quillet.repository import Repository
 from quillet.tool_handlers.context import ToolContext
@@ -19,15 +19,6 @@ from quillet.utils.timing import get_timing_collector
 HANDLER_THREADS = 4
 THREAD_BUDGET = HANDLER_THREADS + 5  # main, reader, writer, the log's and the flusher's
 MAX_ERROR_CHARS = 500  # as many as are remembered
-
-
-class Outcome(StrEnum):
-    """How a call ended."""
-
-    OK = "ok"
-    ERROR = "error"  # the handler failed
-    DISABLED = "disabled"  # the tool is not to be run for now
-    INVALID = "invalid"  # the call asks for what there is not
 
 
 class Answer(NamedTuple):
@@ -62,11 +53,9 @@ class ToolPipeline:
             call = resolve(tool, arguments)
         except UnclearCall as error:
             return Answer(Outcome.INVALID, str(error))
-        disabled, last_error = self._tracker.is_disabled(tool)
-        if disabled:
-            text = self._disabled_tools.answer(tool, last_error)
-            return self._ended(call, Outcome.DISABLED, text)
-        self._disabled_tools.is_back(tool, "its cooldown has passed")
+        refusal = self._disabled_tools.refusal(tool)
+        if refusal:
+            return self._ended(call, Outcome.DISABLED, refusal)
         problem = argument_problem(call.handler, call.arguments)
         if problem:
             return self._ended(call, Outcome.INVALID, problem)
@@ -84,11 +73,9 @@ class ToolPipeline:
         elapsed_ms = (time.perf_counter() - started) * 1000
         get_timing_collector().record(call.tool, elapsed_ms, error=failure is not None)
         if failure is not None:
-            self._tracker.record_error(call.tool, failure)
-            self._disabled_tools.failed(call.tool)
+            self._disabled_tools.failed(call.tool, failure)
             return self._ended(call, Outcome.ERROR, failure)
-        self._tracker.record_success(call.tool)
-        self._disabled_tools.is_back(call.tool, "a call of it succeeded")
+        self._disabled_tools.succeeded(call.tool)
         return self._ended(call, Outcome.OK, content, elapsed_ms)
 
     def _ended(

@@ -1,0 +1,60 @@
+"""What a program that keeps tools' health does before it serves them, and after."""
+
+import argparse
+import asyncio
+import sqlite3
+from collections.abc import Awaitable, Callable
+from concurrent.futures import ThreadPoolExecutor
+from typing import Any
+
+from quillet.config import ToolsConfig, read_tools_config
+from quillet.daemon.ending import Ending
+from quillet.daemon.flusher import Flusher
+from quillet.diagnostics import complain, start_log
+from quillet.repository import Repository
+from quillet.stored_health import read_stored_health
+from quillet.tool_handlers.health import ToolHealthTracker
+
+START_ERRORS = (OSError, ValueError, TypeError, OverflowError, RuntimeError, sqlite3.Error)
+Serve = Callable[[Repository, ToolHealthTracker, Ending], Awaitable[int]]
+
+
+def run(options: argparse.Namespace, serve: Serve) -> int:
+    """Opens the stored history, serves, and saves it; returns the exit status."""
+    start_log()
+    return asyncio.run(_run(options, serve))
+
+
+async def _run(options: argparse.Namespace, serve: Serve) -> int:
+    """Nothing in here waits for anything but the loop, so that a signal is served at any time."""
+    ending = Ending()
+    try:
+        # Not on the loop's own threads, which it would wait for in the end.
+        starter = ThreadPoolExecutor(1, "start")
+        opening = asyncio.get_running_loop().run_in_executor(starter, _open, options)
+        starter.shutdown(wait=False)
+        either: set[asyncio.Future[Any]] = {opening, ending.status}
+        await asyncio.wait(either, return_when=asyncio.FIRST_COMPLETED)
+        if ending.status.done():
+            return ending.status.result()
+        repository, tracker = opening.result()
+        with Flusher(tracker) as flusher:
+            status = await serve(repository, tracker, ending)
+    except START_ERRORS as error:
+        complain(error)
+        return 2
+    if not flusher.saved:
+        return 3
+    repository.db.close()
+    return status
+
+
+def _open(options: argparse.Namespace) -> tuple[Repository, ToolHealthTracker]:
+    config = read_tools_config(options.config) if options.config else ToolsConfig()
+    repository = Repository(options.repository, options.database)
+    try:
+        return repository, ToolHealthTracker(repository, config)
+    except (ValueError, TypeError, OverflowError) as error:
+        _, damaged = read_stored_health(repository.db.path, config)
+        advice = "correct or delete these rows and start again"
+        raise ValueError("\n".join([f"{repository.db.path}: {advice}", *damaged])) from error
