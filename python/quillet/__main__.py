@@ -9,6 +9,7 @@ from quillet.options import parse_options
 
 COMMANDS = {
     "serve": "quillet.daemon.serve",
+    "guard": "quillet.guard.guard",
     "play": "quillet.agent.play",
     "status": "quillet.stored_status",
 }

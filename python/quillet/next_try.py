@@ -2,6 +2,9 @@
 
 import math
 from datetime import UTC, datetime, timedelta
+from typing import Any
+
+from quillet.tool_handlers.health import ToolHealthTracker
 
 FORM = "%Y-%m-%d %H:%M:%S"
 AT_ONCE = "it is tried again at the next call"
@@ -31,3 +34,12 @@ def next_try_text(disabled_at: str | None, cooldown_s: float) -> str:
     if moment is None:
         return "it is not tried again"
     return f"it is tried again at {moment} UTC, in {seconds} s" if seconds else AT_ONCE
+
+
+def tools_with_next_try(tracker: ToolHealthTracker) -> list[dict[str, Any]]:
+    """The summary of all tools, the worst first, with when the disabled ones are tried again."""
+    tools: list[dict[str, Any]] = []
+    for record in tracker.get_health_summary():
+        moment, seconds = next_try(record["disabled_at"], tracker.cooldown_s)
+        tools.append({**record, "tried_again_at": moment, "tried_again_in_s": seconds})
+    return tools

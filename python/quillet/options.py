@@ -10,6 +10,7 @@ from quillet.tool_handlers.health import __version__
 EXIT_STATUSES = """\
 exit status of serve:   0 the input ended and all is answered, 1 a stream failed, 2 it could not
                         start, 3 the tools' health could not be saved, 128+n signal n ended it
+exit status of guard:   the same, or its server's if that ended by itself
 exit status of status:  2 the database cannot be read; with --check also when a row is damaged,
                         else 1 a tool is disabled, 0 all is well
 """
@@ -26,6 +27,18 @@ def parse_options(arguments: Sequence[str]) -> argparse.Namespace:
     parser.add_argument("--version", action="version", version=f"%(prog)s {__version__}")
     commands = parser.add_subparsers(dest="command", required=True)
     serve = commands.add_parser("serve", help="a daemon that speaks MCP on its standard streams")
+    guard = commands.add_parser(
+        "guard",
+        help="keeps the tools' health of any MCP server that it starts",
+        usage="%(prog)s --database FILE [OPTION ...] -- COMMAND [ARGUMENT ...]",
+    )
+    guard.set_defaults(repository=Path())
+    guard.add_argument("--timeout", type=_span, metavar="SECONDS", help="how long a call may take")
+    words = "what counts against a tool: no answer and JSON-RPC errors (failures), or isError, too"
+    guard.add_argument(
+        "--disable-on", choices=["failures", "errors"], default="failures", help=words
+    )
+    guard.add_argument("server", nargs="+", metavar="COMMAND", help="what starts the server")
     play = commands.add_parser("play", help="an agent that plays a story with such a daemon")
     play.add_argument("story", type=Path, nargs="?", help="a file, instead of standard input")
     status = commands.add_parser("status", help="what the database holds of the tools' health")
@@ -35,6 +48,17 @@ def parse_options(arguments: Sequence[str]) -> argparse.Namespace:
     form.add_argument("--json", action="store_true", help="JSON also on a terminal")
     for command in (serve, play, status):
         command.add_argument("--repository", type=Path, default=Path(), help="the folder to serve")
-        command.add_argument("--database", type=Path, help=f"its database, if not {DATABASE}")
+    for command in (serve, guard, play, status):
+        words = (
+            "where the health is kept" if command is guard else f"its database, if not {DATABASE}"
+        )
+        command.add_argument("--database", type=Path, required=command is guard, help=words)
         command.add_argument("--config", type=Path, help="a TOML file with a [tools] table")
     return parser.parse_args(arguments)
+
+
+def _span(words: str) -> float:
+    seconds = float(words)
+    if not seconds > 0:
+        raise argparse.ArgumentTypeError(f"no span of time: {words}")
+    return seconds

@@ -25,8 +25,7 @@ def read_stored_health(
     names a file that is missing, locked, damaged or not a daemon's.
     """
     rows, document = _read(database)
-    any_action = SimpleNamespace(action=lambda name: "an action")
-    setattr(health, "TOOLS", SimpleNamespace(get=lambda tool: any_action))
+    register_every_tool()
     damaged: list[str] = []
     readable = [row for row in rows if _is_readable(row, config, damaged)]
 
@@ -36,6 +35,12 @@ def read_stored_health(
 
     health.logger.addFilter(keep_from_log)
     return health.ToolHealthTracker(_repository(readable, document), config), damaged
+
+
+def register_every_tool() -> None:
+    """Has trackers that are made from now on keep the history of any tool and action."""
+    any_action = SimpleNamespace(action=lambda name: "an action")
+    setattr(health, "TOOLS", SimpleNamespace(get=lambda tool: any_action))
 
 
 def _read(database: Path) -> tuple[list[Row], Row | None]:

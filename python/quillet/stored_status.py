@@ -9,7 +9,7 @@ from typing import Any
 from quillet.config import ToolsConfig, read_tools_config
 from quillet.diagnostics import complain
 from quillet.display import status_text
-from quillet.next_try import next_try
+from quillet.next_try import tools_with_next_try
 from quillet.protocol.results import plain
 from quillet.repository import database_in
 from quillet.stored_health import read_stored_health
@@ -37,14 +37,10 @@ def _stored_status(options: argparse.Namespace) -> dict[str, Any]:
     config = read_tools_config(options.config) if options.config else ToolsConfig()
     database = options.database or database_in(options.repository)
     tracker, damaged = read_stored_health(database, config)
-    tools: list[dict[str, Any]] = []
-    for record in tracker.get_health_summary():
-        moment, seconds = next_try(record["disabled_at"], config.disable_cooldown_s)
-        tools.append({**record, "tried_again_at": moment, "tried_again_in_s": seconds})
     return {
         "database": str(database),
         "cooldown_s": config.disable_cooldown_s,
         "cooldown_assumed": not options.config,
         "damaged": damaged,
-        "tools": tools,
+        "tools": tools_with_next_try(tracker),
     }

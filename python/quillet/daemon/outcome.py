@@ -10,3 +10,4 @@ class Outcome(StrEnum):
     ERROR = "error"  # the tool failed
     DISABLED = "disabled"  # the tool is not to be run for now
     INVALID = "invalid"  # the call asks for what there is not
+    CANCELLED = "cancelled"  # nobody waits for its answer any more

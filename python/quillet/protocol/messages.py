@@ -65,8 +65,8 @@ def error_response(id: Id | None, error: ProtocolError) -> bytes:
 
 
 def line_of(fields: dict[str, Any]) -> bytes:
-    """The line that carries a message with these fields."""
-    return json.dumps({"jsonrpc": "2.0", **fields}).encode() + b"\n"
+    """The line that carries a message with these fields; a ValueError for what JSON has not."""
+    return json.dumps({"jsonrpc": "2.0", **fields}, allow_nan=False).encode() + b"\n"
 
 
 def _refuse_constant(name: str) -> Never:

@@ -1,0 +1,27 @@
+"""The program's command `guard`: the tools' health of any server, kept beside it."""
+
+import argparse
+
+from quillet.daemon import lifecycle
+from quillet.daemon.ending import Ending
+from quillet.guard.relay import Relay
+from quillet.guard.watch import Watch
+from quillet.stored_health import register_every_tool
+from quillet.tool_handlers import health
+
+
+def main(options: argparse.Namespace) -> int:
+    """Guards the server until a side leaves or a signal comes; returns the exit status."""
+
+    async def guard(_: object, tracker: health.ToolHealthTracker, ending: Ending) -> int:
+        watch = Watch(tracker, errors_disable=options.disable_on == "errors")
+        relay = Relay(options.server, watch, ending, options.timeout)
+        status = await ending.status
+        relay.stop()
+        watch.end_open(None)
+        return status
+
+    # Which tools there are, the server says once it is asked: until then no history is forgotten.
+    register_every_tool()
+    setattr(health, "is_slow_call", lambda tool, action: False)
+    return lifecycle.run(options, guard)

@@ -1,0 +1,146 @@
+"""The server that a guard starts, and the messages between it and the client."""
+
+import os
+import shutil
+import signal
+import subprocess
+import threading
+import time
+from collections.abc import Callable, Sequence
+from contextlib import suppress
+from queue import SimpleQueue
+
+from quillet.daemon.ending import Ending
+from quillet.guard.watch import Watch
+
+SILENT_S = 5.0  # how long a server that is to end may take from one message to the next
+SIGNALLED_S = 0.5  # and from a signal on, the guard's own among them
+TICK_S = 0.1  # how much later than asked for a call may be given up
+# The server is killed when this thread of the guard ends, however that comes.
+LAST_WILL = ("setpriv", "--pdeathsig", "KILL", "--")
+
+
+class Relay:
+    """Carries messages both ways, a thread each, which end with the process.
+
+    A side that does not read holds up the one that writes to it; nothing is kept meanwhile.
+    """
+
+    def __init__(
+        self, command: Sequence[str], watch: Watch, ending: Ending, timeout_s: float | None
+    ) -> None:
+        if not shutil.which(command[0]):
+            raise FileNotFoundError(f"there is no command {command[0]!r}")
+        self._watch, self._ending = watch, ending
+        self._to_client, self._to_server = threading.Lock(), threading.Lock()
+        self._cancels: SimpleQueue[bytes] = SimpleQueue()
+        self._leaving, self._told_at = False, 0.0
+        # A session of its own: Ctrl-C is the guard's, and all that the server starts ends with it.
+        self._server = subprocess.Popen(
+            [*LAST_WILL, *command], stdin=-1, stdout=-1, start_new_session=True
+        )
+        assert self._server.stdin and self._server.stdout
+        self._input, self._output = self._server.stdin.fileno(), self._server.stdout
+        self._down = self._thread("standard output", self._carry_down)
+        self._thread("standard input", self._carry_up)
+        if timeout_s is not None:
+            self._thread("timeout", self._give_up, timeout_s)
+            self._thread("cancels", self._cancel)
+
+    def stop(self) -> None:
+        """Ends the server, and hands on what it wrote last."""
+        self._leaving = True
+        self._end_server(SIGNALLED_S)
+        self._down.join(SIGNALLED_S)
+
+    def _thread(self, name: str, work: Callable[..., None], *given: object) -> threading.Thread:
+        """Starts a thread whose failure ends the guard."""
+
+        def run() -> None:
+            try:
+                work(*given)
+            except Exception as error:
+                words = error if isinstance(error, OSError) else repr(error)
+                self._ending.end(1, f"{name}: {words}")
+
+        thread = threading.Thread(target=run, name=name, daemon=True)
+        thread.start()
+        return thread
+
+    def _carry_up(self) -> None:
+        os.set_blocking(0, True)
+        with open(0, "rb", closefd=False) as source:
+            for line in source:
+                answer = self._watch.asked(line)
+                if answer:
+                    self._tell_client(answer)
+                else:
+                    self._tell_server(line)
+        self._leaving, self._told_at = True, time.monotonic()
+        self._hang_up()
+        while self._down.is_alive() and (
+            self._to_client.locked() or time.monotonic() < self._told_at + SILENT_S
+        ):
+            self._down.join(TICK_S)
+        self._ending.end(0)
+
+    def _carry_down(self) -> None:
+        os.set_blocking(1, True)
+        line = b"\n"
+        for line in self._output:
+            self._tell_client(self._watch.answered(line))
+        if not self._leaving:
+            self._end_server(SILENT_S)
+            status = self._server.wait()
+            status = status if status >= 0 else 128 - status
+            why = f"the server ended with status {status}"
+            answers = self._watch.end_open(why)
+            if answers and not line.endswith(b"\n"):
+                self._tell_client(b"\n")
+            self._tell_client(answers)
+            self._ending.end(status, why)
+
+    def _give_up(self, timeout_s: float) -> None:
+        while True:
+            time.sleep(TICK_S)
+            for answer, cancel in self._watch.expired(timeout_s):
+                self._cancels.put(cancel)
+                self._tell_client(answer)
+
+    def _cancel(self) -> None:
+        """In a thread of its own, as a server that hangs may not read."""
+        while True:
+            self._tell_server(self._cancels.get())
+
+    def _tell_client(self, lines: bytes) -> None:
+        try:
+            with self._to_client:
+                while lines:
+                    lines = lines[os.write(1, lines) :]
+            self._told_at = time.monotonic()
+        except OSError as error:
+            self._ending.end(1, f"standard output: {error}")
+
+    def _tell_server(self, line: bytes) -> None:
+        try:
+            with self._to_server:
+                while line:
+                    line = line[os.write(self._input, line) :]
+        except BrokenPipeError:  # a server that reads no more can as well end
+            self._end_server(SILENT_S)
+            self._down.join(SILENT_S)
+            self._ending.end(1, "the server does not read")
+
+    def _hang_up(self) -> None:
+        """Ends the server's input. Its number is not free: a thread may still be writing there."""
+        with open(os.devnull, "wb") as nothing:
+            os.dup2(nothing.fileno(), self._input)
+
+    def _end_server(self, patience_s: float) -> None:
+        """Has the server and all that it started end."""
+        self._hang_up()
+        for number, time_s in (0, patience_s), (signal.SIGTERM, SIGNALLED_S), (signal.SIGKILL, 1.0):
+            with suppress(OSError):
+                os.killpg(self._server.pid, number)
+            with suppress(subprocess.TimeoutExpired):
+                self._server.wait(time_s)

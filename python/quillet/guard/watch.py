@@ -1,0 +1,213 @@
+"""What a guard makes of the messages that go by: which it answers itself, and what it records."""
+
+import json
+import threading
+import time
+from collections import deque
+from contextlib import suppress
+from typing import Any, NamedTuple
+
+from quillet.daemon.disabled_tools import DisabledTools
+from quillet.daemon.outcome import Outcome
+from quillet.next_try import tools_with_next_try
+from quillet.protocol import messages, revisions
+from quillet.protocol.results import tool_result
+from quillet.tool_handlers.health import ToolHealthTracker
+
+OWN_TOOL = "tool_health"
+OWN_ENTRY = {
+    "name": OWN_TOOL,
+    "description": "Tells how each tool of this server fares: its calls and errors, whether it is "
+    "disabled, why, and when it is tried again.",
+    "inputSchema": {"type": "object", "additionalProperties": False},
+    "annotations": {"readOnlyHint": True, "openWorldHint": False},
+}
+CALLERS_FAULT = (messages.METHOD_NOT_FOUND, messages.INVALID_PARAMS)
+MAX_LATE = 1_000  # answers that are still dropped; a server may never give them
+
+
+class Call(NamedTuple):
+    """A call of a tool."""
+
+    id: messages.Id
+    tool: str
+    action: str | None
+    todays: bool  # of today's revision of the protocol
+    began: float
+
+    def answer(self, content: Any, *, failed: bool) -> bytes:
+        """The line that answers it."""
+        result = tool_result(content, failed=failed)
+        if self.todays:
+            result = revisions.todays_result(result, cacheable=False)
+        return messages.line_of({"id": self.id, "result": result})
+
+    def cancel(self) -> bytes:
+        """The line that cancels it."""
+        params = {"requestId": self.id, "reason": "timeout"}
+        return messages.line_of({"method": "notifications/cancelled", "params": params})
+
+
+class Watch:
+    """Knows the tools that were listed and the calls that are open; reads and writes nothing.
+
+    Any thread may ask it. Whoever takes a call from the open ones ends it, so that happens once.
+    """
+
+    def __init__(self, tracker: ToolHealthTracker, *, errors_disable: bool) -> None:
+        self._tracker = tracker
+        self._disabled_tools = DisabledTools(tracker)
+        self._errors_disable = errors_disable
+        self._lock = threading.Lock()
+        # The tools that were listed, be it in an earlier run, with their actions.
+        records = tracker.get_health_summary()
+        self._tools: dict[str, list[Any]] = {record["tool_name"]: [] for record in records}
+        self._lists: set[Any] = set()
+        self._open: dict[Any, Call] = {}
+        self._late: deque[Any] = deque(maxlen=MAX_LATE)
+
+    def asked(self, line: bytes) -> bytes | None:
+        """What the client gets in the server's stead; None for what goes on to the server."""
+        message = _read(line)
+        match message.get("method"), message.get("id"), message.get("params"):
+            case "tools/list", str() | int() as id, _:
+                self._lists.add(id)
+            case "notifications/cancelled", _, {"requestId": str() | int() as id}:
+                with self._lock:
+                    call = self._open.pop(id, None)
+                if call:
+                    self._count(call, Outcome.CANCELLED)
+            case "tools/call", str() | int() as id, {"name": str() as tool}:
+                return self._begin(id, tool, message["params"])
+        return None
+
+    def answered(self, line: bytes) -> bytes:
+        """What the client gets for a line of the server's: nothing for an answer too late."""
+        if not (self._open or self._lists or self._late):
+            return line
+        message = _read(line)
+        id = message.get("id")
+        answers = isinstance(id, str | int | float) and ("result" in message or "error" in message)
+        if not answers or "method" in message:
+            return line
+        with self._lock:
+            call = self._open.pop(id, None)
+            if not call and id in self._late:
+                self._late.remove(id)
+                return b""
+        if call:
+            self._end(call, message)
+        elif id in self._lists:
+            self._lists.remove(id)
+            return self._listed(message) or line
+        return line
+
+    def expired(self, timeout_s: float) -> list[tuple[bytes, bytes]]:
+        """Gives up what takes too long: the answer of each such call, and what cancels it."""
+        latest = time.perf_counter() - timeout_s
+        with self._lock:
+            calls = [call for call in self._open.values() if call.began <= latest]
+            for call in calls:
+                del self._open[call.id]
+                self._late.append(call.id)
+        why = f"no answer within {timeout_s:g} s"
+        return [(self._fail(call, why), call.cancel()) for call in calls]
+
+    def end_open(self, why: str | None) -> bytes:
+        """Ends all open calls: those that failed are answered, else nobody waits any more."""
+        with self._lock:
+            calls, self._open = self._open, {}
+        if why:
+            return b"".join(self._fail(call, why) for call in calls.values())
+        for call in calls.values():
+            self._count(call, Outcome.CANCELLED)
+        return b""
+
+    def _begin(self, id: messages.Id, tool: str, params: dict[str, Any]) -> bytes | None:
+        """Answers a call, or leaves it to the server, as one of an unknown tool."""
+        meta, arguments = params.get("_meta"), params.get("arguments")
+        action = arguments.get("action") if isinstance(arguments, dict) else None
+        known = isinstance(action, str) and action in self._tools.get(tool, ())
+        todays = isinstance(meta, dict) and revisions.VERSION in meta
+        call = Call(id, tool, action if known else None, todays, time.perf_counter())
+        if tool in self._tools:
+            refusal = self._disabled_tools.refusal(tool)
+            if refusal:
+                self._count(call, Outcome.DISABLED)
+                return call.answer(refusal, failed=True)
+            with self._lock:
+                self._open.setdefault(id, call)  # an id in use is the server's to refuse
+        elif tool == OWN_TOOL:
+            tools = tools_with_next_try(self._tracker)
+            return call.answer(
+                {"cooldown_s": self._tracker.cooldown_s, "tools": tools}, failed=False
+            )
+        return None
+
+    def _end(self, call: Call, message: dict[str, Any]) -> None:
+        """Records how a call ended that the server has answered."""
+        match message:
+            case {"error": {"code": code}} if code in CALLERS_FAULT:
+                self._count(call, Outcome.INVALID)
+            case {"result": {"resultType": "input_required"}}:
+                pass  # the client will call again, with what the server needs to know
+            case {"result": {"isError": True}} if not self._errors_disable:
+                self._disabled_tools.succeeded(call.tool)
+                self._count(call, Outcome.ERROR)
+            case {"error": failure} | {"result": {"isError": True} as failure}:
+                self._fail(call, _words(failure))
+            case _:
+                self._disabled_tools.succeeded(call.tool)
+                self._count(call, Outcome.OK, (time.perf_counter() - call.began) * 1000)
+
+    def _fail(self, call: Call, why: str) -> bytes:
+        """Records a failure of the tool; returns the answer that tells of it."""
+        self._disabled_tools.failed(call.tool, why)
+        self._count(call, Outcome.ERROR)
+        return call.answer(why, failed=True)
+
+    def _count(self, call: Call, outcome: Outcome, ms: float | None = None) -> None:
+        self._tracker.record_call(call.tool, call.action, outcome, alias_hit=False, duration_ms=ms)
+
+    def _listed(self, message: dict[str, Any]) -> bytes | None:
+        """Takes in a list of tools; returns it with one more if it is the last, else None."""
+        match message:
+            case {"result": {"tools": list() as tools} as result}:
+                self._tools.update(map(_entry, tools))
+                if OWN_TOOL not in self._tools and result.get("nextCursor") is None:
+                    tools.append(OWN_ENTRY)
+                    with suppress(ValueError, RecursionError):  # it cannot be written as it was
+                        return messages.line_of(message)
+        return None
+
+
+def _read(line: bytes) -> dict[str, Any]:
+    """The message on a line; empty for what is none."""
+    try:
+        message = json.loads(line.decode())
+    except (ValueError, RecursionError):
+        return {}
+    return message if isinstance(message, dict) else {}
+
+
+def _entry(tool: Any) -> tuple[str, list[Any]]:
+    """A listed tool's name, and the actions that its schema enumerates."""
+    match tool:
+        case {
+            "name": str() as name,
+            "inputSchema": {"properties": {"action": {"enum": [*actions]}}},
+        }:
+            return name, actions
+        case {"name": str() as name}:
+            return name, []
+    return "", []
+
+
+def _words(failure: Any) -> str:
+    """What an error or a result with `isError` says."""
+    match failure:
+        case {"message": str() as words}:
+            return words
+        case {"content": [{"text": str() as words}, *_]}:
+            return words
+    return json.dumps(failure)
