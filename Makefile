@@ -59,9 +59,10 @@ check: build $(CHECKS:%=build/%/build.ninja) ## test under sanitizers, without m
 	$(VENV)/bin/python tests/kills.py
 	tools/check-versions
 
-interop: build build/interop/node_modules ## try the daemon with the protocol's official clients, from npm
-	@cp interop/clients.mjs build/interop
+interop: build build/interop/node_modules ## try daemon and guard with the protocol's official clients and servers, from npm
+	@cp interop/*.mjs build/interop
 	@node build/interop/clients.mjs "$(CURDIR)/$(VENV)/bin/quillet"
+	@node build/interop/guard.mjs "$(CURDIR)/$(VENV)/bin/quillet"
 
 lint: build/release/build.ninja ## check the form of what changed since it was last in order
 	@$(REBUILD)

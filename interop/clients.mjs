@@ -6,38 +6,20 @@ import assert from "node:assert/strict";
 import { mkdtempSync, rmSync, writeFileSync } from "node:fs";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
-import { Client as TodaysClient } from "@modelcontextprotocol/client";
-import { StdioClientTransport as TodaysTransport } from "@modelcontextprotocol/client/stdio";
-import { Client } from "@modelcontextprotocol/sdk/client/index.js";
-import { StdioClientTransport } from "@modelcontextprotocol/sdk/client/stdio.js";
+import { KINDS, connected } from "./kinds.mjs";
 
-const INFO = { name: "interop", version: "1.0.0" };
-const CLIENTS = {
-  "sdk, with a handshake": [() => new Client(INFO), StdioClientTransport],
-  "client, without": [
-    () => new TodaysClient(INFO, { versionNegotiation: { mode: "auto" } }),
-    TodaysTransport,
-    "2026-07-28",
-  ],
-};
 const TOOLS = "search_text read_file count_lines embed_text status get_tool_performance_stats";
 
-async function connected([makeClient, Transport], folder) {
-  const args = ["serve", "--repository", folder];
-  const client = makeClient();
-  await client.connect(new Transport({ command: process.argv[2], args, stderr: "ignore" }));
-  return client;
-}
-
 async function converse(kind, folder) {
-  const client = await connected(kind, folder);
+  const serve = [process.argv[2], ["serve", "--repository", folder]];
+  const client = await connected(kind, ...serve);
   const call = (name, args = {}) => client.callTool({ name, arguments: args });
   const read = (path) => call("read_file", { path });
 
   const { tools } = await client.listTools();
   assert.equal(tools.map((tool) => tool.name).join(" "), TOOLS);
   assert.equal(client.getServerVersion().name, "quillet");
-  assert.equal(client.getNegotiatedProtocolVersion?.(), kind[2]);
+  assert.equal(client.getNegotiatedProtocolVersion?.(), kind.revision);
   assert.deepEqual((await read("a.txt")).structuredContent.lines, ["text"]);
 
   const wrong = await call("read_file", { path: 5 });
@@ -45,11 +27,8 @@ async function converse(kind, folder) {
   await assert.rejects(call("read_mind"), { code: -32602 });
 
   const abort = new AbortController();
-  const options = { signal: abort.signal };
-  const cancelled = client.callTool(
-    { name: "search_text", arguments: { text: "no such text" } },
-    ...(kind[1] === StdioClientTransport ? [undefined, options] : [options]),
-  );
+  const search = { name: "search_text", arguments: { text: "no such text" } };
+  const cancelled = kind.call(client, search, { signal: abort.signal });
   abort.abort("interop");
   await assert.rejects(cancelled);
 
@@ -60,7 +39,7 @@ async function converse(kind, folder) {
   assert.match((await read("a.txt")).content[0].text, /^read_file kept failing and is disabled; /);
   await client.close();
 
-  const second = await connected(kind, folder);
+  const second = await connected(kind, ...serve);
   const status = { name: "status", arguments: { action: "perf_stats" } };
   const health = (await second.callTool(status)).structuredContent.tools;
   const { disabled, call_count, error_count } = health[0];
@@ -69,7 +48,7 @@ async function converse(kind, folder) {
   await second.close();
 }
 
-for (const [name, kind] of Object.entries(CLIENTS)) {
+for (const [name, kind] of Object.entries(KINDS)) {
   const folder = mkdtempSync(join(tmpdir(), "interop "));
   writeFileSync(join(folder, "a.txt"), "text\n");
   await converse(kind, folder);
