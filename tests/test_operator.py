@@ -137,9 +137,9 @@ def test_no_command_takes_modules_from_the_folder_or_the_environment(folder):
 
 def test_the_commands_of_operations_do_what_it_says(folder):
     def run(command):
-        return subprocess.check_output(["bash", "-euc", command], cwd=folder, text=True)
+        return subprocess.check_output(["bash", "-euc", command], cwd=folder, stdin=-3, text=True)
 
-    show, check, metrics, enable, forget, forget_all, copy, remove = snippets(
+    show, check, metrics, enable, forget, forget_all, copy, remove, guard, guarded = snippets(
         "docs/operations.md", "sh"
     )
     screen, exported = snippets("docs/operations.md", "text")
@@ -166,6 +166,7 @@ def test_the_commands_of_operations_do_what_it_says(folder):
     assert run(check) == "" and json.loads((folder / "health.json").read_text())["tools"] == []
     run(remove)
     assert sorted(file.name for file in (folder / ".quillet").iterdir()) == ["quillet.db.lock"]
+    assert run(guard) == "" and json.loads(run(guarded))["database"] == "guard.db"
     with closing(sqlite3.connect(folder / "copy.db")) as db:
         assert [(1,)] == db.execute("SELECT count(*) FROM tool_health WHERE disabled_at").fetchall()
     collector = ToolHealthCollector(tracker, SimpleNamespace(saved_at=time.time(), saved=False))
