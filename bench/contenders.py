@@ -1,7 +1,7 @@
 """The two trackers under the same collaborators, over a database of no cost of its own."""
 
 from collections.abc import Callable, Sequence
-from dataclasses import dataclass
+from types import SimpleNamespace
 from typing import Any
 
 from plain_tracker import PlainTracker
@@ -40,13 +40,6 @@ class MemoryDb:
         self._rows = rows
 
 
-@dataclass
-class Repository:
-    """What a tracker asks of its repository."""
-
-    db: Any
-
-
 def tool_name(number: int) -> str:
     """A tool's name, as a text of its own on each call."""
     return f"tool_{number:05d}"
@@ -61,8 +54,8 @@ health.TOOLS = TOOLS
 health.is_slow_call = is_slow_call
 
 CONTENDERS: dict[str, Callable[[Any], Any]] = {
-    "component": lambda db: health.ToolHealthTracker(Repository(db), LIMITS),
-    "plain": lambda db: PlainTracker(Repository(db), LIMITS, TOOLS, is_slow_call),
+    "component": lambda db: health.ToolHealthTracker(SimpleNamespace(db=db), LIMITS),
+    "plain": lambda db: PlainTracker(SimpleNamespace(db=db), LIMITS, TOOLS, is_slow_call),
 }
 
 

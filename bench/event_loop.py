@@ -22,7 +22,7 @@ from typing import Any
 
 from contenders import CONTENDERS, MemoryDb, change_all, filled
 from figures import Figure
-from timing import interleaved
+from timing import interleaved, timed
 
 CPUS = sorted(os.sched_getaffinity(0))
 MEASURABLE_MS = 0.1  # an idle loop's own latest wakes are as far apart
@@ -80,14 +80,9 @@ def _measures(name: str, tools: int) -> dict[str, Callable[[], Wakes]]:
 
 def _latest_wakes(work: Callable[[], Any]) -> Wakes:
     gc.collect()  # every piece of work starts as far from the next collection
-    kept = []  # freeing the answer is its owner's work
+    kept: list[Any] = []  # freeing the answer is its owner's work
 
-    def timed_work() -> float:
-        start = time.perf_counter()
-        kept.append(work())
-        return time.perf_counter() - start
-
-    busy, length = _latest_wake(timed_work)
+    busy, length = _latest_wake(timed(lambda: kept.append(work())))
     idle, _ = _latest_wake(lambda: time.sleep(length))
     return busy, idle
 

@@ -19,9 +19,8 @@ def figures() -> Iterator[Figure]:
     """The cost at 10,000 keys and at 100; the ratio is the exponent of the growth through 1,000."""
     trackers = {tools: filled("component", MemoryDb(), tools) for tools in SIZES}
     for subject, measure in MEASURES.items():
-        samples = interleaved(
-            15, {str(tools): measure(tracker, tools) for tools, tracker in trackers.items()}
-        )
+        measures = {str(tools): measure(tracker, tools) for tools, tracker in trackers.items()}
+        samples = interleaved(15, measures)
         us = [median(times) * 1e6 for times in samples.values()]
         exponent, _ = linear_regression([*map(log, SIZES)], [*map(log, us)])
         yield Figure(subject, us[-1], us[0], "us", round(exponent, 2) + 0.0)

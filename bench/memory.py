@@ -34,9 +34,8 @@ def add_keys(tracker: Any, text: Text, count: int) -> None:
     """Bring in usage keys, ten of each tool."""
     for number in range(count):
         tool, action = divmod(number, 10)
-        tracker.record_call(
-            text("tool", tool), text("action", action), "ok", alias_hit=False, duration_ms=1.25
-        )
+        key = text("tool", tool), text("action", action), "ok"
+        tracker.record_call(*key, alias_hit=False, duration_ms=1.25)
 
 
 ADDERS = {"a tool": add_tools, "a usage key": add_keys}

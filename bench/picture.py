@@ -1,7 +1,6 @@
 """The figures as a picture for the README, readable on a light page and on a dark one."""
 
-from pathlib import Path
-from typing import Any
+from typing import Any, TextIO
 
 import matplotlib
 from figures import Figure, short
@@ -23,39 +22,30 @@ STYLE: dict[str, Any] = {
 }
 
 
-def draw(report: dict[str, list[Figure]], path: Path) -> None:
-    """Write an SVG file of what a call costs and of what an event loop waits longer."""
+def draw(report: dict[str, list[Figure]], file: TextIO) -> None:
+    """Draw as SVG what a call costs and of what an event loop waits longer."""
     with matplotlib.rc_context(STYLE):
-        figure, (calls, delays) = pyplot.subplots(
-            2, 1, figsize=(9.2, 6.8), height_ratios=[7, 3], layout="constrained"
-        )
+        form: dict[str, Any] = {"figsize": (9.2, 6.8), "height_ratios": [7, 3]}
+        figure, (calls, delays) = pyplot.subplots(2, 1, layout="constrained", **form)
         against_plain = [f for f in report[CALLS] if FLOOR_SUBJECT not in f.subject]
         floors = [f.other for f in report[CALLS] if FLOOR_SUBJECT in f.subject]
         _bars(calls, against_plain, "A call, in nanoseconds")
         floor = sum(floors) / len(floors)
         calls.axvline(floor, color=FLOOR, label="a C method that does nothing")
         calls.legend(frameon=False, loc="upper right")
-        _bars(
-            delays, report[DELAYS], "Delay added to an event loop at 10,000 keys, in milliseconds"
-        )
-        figure.savefig(path, format="svg", transparent=True, metadata={"Date": None})
+        title = "Delay added to an event loop at 10,000 keys, in milliseconds"
+        _bars(delays, report[DELAYS], title)
+        figure.savefig(file, format="svg", transparent=True, metadata={"Date": None})
         pyplot.close(figure)
 
 
 def _bars(axes: Any, figures: list[Figure], title: str) -> None:
     places = range(len(figures))
-    values = {
-        "the module": [(f.component, f.ratio is not None) for f in figures],
-        "plain Python": [(f.other, True) for f in figures],
-    }
+    module = [(f.component, f.ratio is not None) for f in figures]
+    values = {"the module": module, "plain Python": [(f.other, True) for f in figures]}
     for (label, bars), offset, colour in zip(values.items(), (-0.2, 0.2), (MODULE, PLAIN)):
-        drawn = axes.barh(
-            [place + offset for place in places],
-            [length for length, _ in bars],
-            0.38,
-            color=colour,
-            label=label,
-        )
+        lengths = [length for length, _ in bars]
+        drawn = axes.barh([p + offset for p in places], lengths, 0.38, color=colour, label=label)
         texts = [short(length) if known else "too little to measure" for length, known in bars]
         axes.bar_label(drawn, texts, padding=3)
     axes.set_yticks(places, [f.subject for f in figures])

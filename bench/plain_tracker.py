@@ -179,18 +179,14 @@ class PlainTracker:
                 "action": action,
                 "outcome": outcome,
                 "alias_hit": alias_hit,
-                "calls": usage.calls,
-                "avg_ms": round(usage.total_ms / usage.timed_calls, 2)
-                if usage.timed_calls
-                else None,
+                "calls": used.calls,
+                "avg_ms": round(used.total_ms / used.timed_calls, 2) if used.timed_calls else None,
                 "slow": self._is_slow_call(tool_name, action),
             }
-            for (tool, action, outcome, alias_hit), usage in self._usage.items()
+            for (tool, action, outcome, alias_hit), used in self._usage.items()
             if tool == tool_name
         ]
-        rows.sort(
-            key=lambda row: (-row["calls"], str(row["action"]), row["outcome"], row["alias_hit"])
-        )
+        rows.sort(key=lambda r: (-r["calls"], str(r["action"]), r["outcome"], r["alias_hit"]))
         return rows
 
     def _load(self) -> None:
@@ -205,28 +201,20 @@ class PlainTracker:
         with self._lock:
             for name, calls, errors, last_error, disabled_at, updated_at in rows:
                 if self._tools.get(name) is not None:
-                    self._state[name] = ToolState(
-                        call_count=int(calls or 0),
-                        error_count=int(errors or 0),
-                        last_error=last_error,
-                        disabled_at=epoch(disabled_at),
-                        updated_at=epoch(updated_at) or 0.0,
-                    )
+                    times = epoch(disabled_at), epoch(updated_at) or 0.0
+                    counts = int(calls or 0), int(errors or 0)
+                    self._state[name] = ToolState(*counts, last_error, *times)
 
     def _load_usage(self) -> None:
         try:
-            row = self._repo.db.fetchone(
-                "SELECT value FROM schema_info WHERE key = ?", (USAGE_KEY,)
-            )
+            query = "SELECT value FROM schema_info WHERE key = ?"
+            row = self._repo.db.fetchone(query, (USAGE_KEY,))
             items = json.loads(row[0]) if row and isinstance(row[0], str) else []
             loaded = {
-                (
-                    str(item["tool"]),
-                    item["action"],
-                    str(item["outcome"]),
-                    bool(item["alias_hit"]),
-                ): Usage(int(item["calls"]), int(item["timed_calls"]), float(item["total_ms"]))
-                for item in items
+                (str(i["tool"]), i["action"], str(i["outcome"]), bool(i["alias_hit"])): Usage(
+                    int(i["calls"]), int(i["timed_calls"]), float(i["total_ms"])
+                )
+                for i in items
             }
         except Exception as error:
             logger.warning("Could not read the tool usage counts: %s", error)
@@ -279,9 +267,8 @@ class PlainTracker:
             ]
         try:
             text = json.dumps(document, separators=(",", ":"))
-            self._repo.db.execute(
-                "INSERT OR REPLACE INTO schema_info (key, value) VALUES (?, ?)", (USAGE_KEY, text)
-            )
+            query = "INSERT OR REPLACE INTO schema_info (key, value) VALUES (?, ?)"
+            self._repo.db.execute(query, (USAGE_KEY, text))
         except BaseException:
             with self._lock:
                 self._usage_dirty = True

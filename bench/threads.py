@@ -31,10 +31,8 @@ def _crowd(tracker: Any, threads: int) -> Callable[[], float]:
     share = CALLS // threads
 
     def run() -> None:
-        crowd = [
-            threading.Thread(target=loop, args=(tracker, repeat(tool_name(i), share)))
-            for i in range(threads)
-        ]
+        work = [(tracker, repeat(tool_name(i), share)) for i in range(threads)]
+        crowd = [threading.Thread(target=loop, args=each) for each in work]
         for thread in crowd:
             thread.start()
         for thread in crowd:
