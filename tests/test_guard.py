@@ -24,6 +24,7 @@ for line in sys.stdin:
     if "answer" in do: answers = [{"id": message["id"], "pid": os.getpid()} | do["answer"]]
     if "requestId" in do: answers = [{"told": do}, {"id": do["requestId"], "result": {}}]
     for answer in answers: print(json.dumps(answer), flush=True)
+time.sleep(2 * do.get("sleep", 0))  # longer than after a signal
 print('{"bye": 1}', flush=True)
 time.sleep(60 * len(sys.argv[1:]))
 """
