@@ -11,15 +11,15 @@
 // The names that the module uses as keys, attributes and parameters.
 // clang-format off
 #define HEALTH_NAMES(X)                                                                            \
-    X(TOOLS) X(ToolsConfig) X(_ToolState) X(_Usage) X(_UsageKey) X(_flush_health) X(_flush_usage) X(_load) X(_load_usage) X(action)     \
-    X(alias_hit) X(avg_ms) X(budget) X(call_count) X(calls) X(census) X(cooldown_s) X(count) X(db) \
-    X(disable_after_errors) X(disable_cooldown_s) X(disabled) X(disabled_at) X(duration_ms)        \
-    X(epoch) X(error) X(error_count) X(errors) X(execute) X(executemany) X(fetchall) X(fetchone)   \
-    X(get) X(getLogger) X(get_all_stats) X(get_timing_collector) X(is_slow_call) X(last_error)     \
-    X(limits) X(loads) X(logger) X(max_ms) X(min_ms) X(name) X(os) X(os_threads) X(outcome)        \
-    X(p95_ms) X(python) X(python_by_name) X(python_threads) X(python_total) X(slow)  \
-    X(text) X(thread_census) X(timed_calls) X(tool) X(tool_name) X(tools) X(total_ms)              \
-    X(updated_at) X(usage) X(warning)
+    X(TOOLS) X(ToolsConfig) X(_ToolState) X(_Usage) X(_UsageKey) X(_flush_health) X(_flush_usage)  \
+    X(_load) X(_load_usage) X(action) X(alias_hit) X(avg_ms) X(budget) X(call_count) X(calls)      \
+    X(census) X(cooldown_s) X(count) X(db) X(disable_after_errors) X(disable_cooldown_s)           \
+    X(disabled) X(disabled_at) X(duration_ms) X(epoch) X(error) X(error_count) X(errors)           \
+    X(execute) X(executemany) X(fetchall) X(fetchone) X(get) X(getLogger) X(get_all_stats)         \
+    X(get_timing_collector) X(is_slow_call) X(last_error) X(limits) X(loads) X(logger) X(max_ms)   \
+    X(min_ms) X(name) X(os) X(os_threads) X(outcome) X(p95_ms) X(python) X(python_by_name)         \
+    X(python_threads) X(python_total) X(slow) X(text) X(thread_census) X(timed_calls) X(tool)      \
+    X(tool_name) X(tools) X(total_ms) X(updated_at) X(usage) X(warning)
 // clang-format on
 
 namespace health {

@@ -59,7 +59,6 @@ not convert.)");
 
 int tracker_init(PyObject* self, PyObject* args, PyObject* kwargs) {
     const bool done = succeeds([&] {
-        auto* tracker = as_object(self)->tracker;
         static std::array keywords{const_cast<char*>("repository"), const_cast<char*>("limits"),
                                    static_cast<char*>(nullptr)};
         PyObject* repository = nullptr;
@@ -68,8 +67,9 @@ int tracker_init(PyObject* self, PyObject* args, PyObject* kwargs) {
                                         &repository, &limits) == 0) {
             throw PythonError();
         }
-        auto settings = limits != Py_None ? shared(limits) : find(tracker->module, kToolsConfig)();
-        tracker = as_object(self)->tracker;
+        auto settings =
+            limits != Py_None ? shared(limits) : find(tracker_of(self).module, kToolsConfig)();
+        auto* tracker = as_object(self)->tracker;
         if (tracker->initialized) {
             raise(PyExc_RuntimeError, "the tracker is initialized already");
         }
@@ -92,24 +92,27 @@ int tracker_init(PyObject* self, PyObject* args, PyObject* kwargs) {
     return done ? 0 : -1;
 }
 
-int tracker_traverse(PyObject* self, visitproc visit, void* arg) {
-    Py_VISIT(Py_TYPE(self));
-    Py_VISIT(as_object(self)->attributes);
-    for (auto* tracker = as_object(self)->tracker; tracker != nullptr;
-         tracker = tracker->earlier.get()) {
-        Py_VISIT(tracker->module_owner.get());
-        Py_VISIT(tracker->repository.get());
-        Py_VISIT(tracker->limits.get());
+int visit_all(std::initializer_list<PyObject*> referents, visitproc visit, void* arg) {
+    for (PyObject* referent : referents) {
+        Py_VISIT(referent);
     }
     return 0;
 }
 
+int tracker_traverse(PyObject* self, visitproc visit, void* arg) {
+    auto* type = reinterpret_cast<PyObject*>(Py_TYPE(self));
+    int stop = visit_all({type, as_object(self)->attributes}, visit, arg);
+    for (auto* each = as_object(self)->tracker; stop == 0 && each != nullptr;
+         each = each->earlier.get()) {
+        stop = visit_all({each->module_owner, each->repository, each->limits}, visit, arg);
+    }
+    return stop;
+}
+
 int tracker_clear(PyObject* self) {
     Py_CLEAR(as_object(self)->attributes);
-    for (auto* tracker = as_object(self)->tracker; tracker != nullptr;
-         tracker = tracker->earlier.get()) {
-        tracker->repository = Ref();
-        tracker->limits = Ref();
+    for (auto* each = as_object(self)->tracker; each != nullptr; each = each->earlier.get()) {
+        each->repository = each->limits = Ref();
     }
     return 0;
 }
