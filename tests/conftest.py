@@ -15,10 +15,7 @@ class Spec:
 
 
 class Stored:
-    """A repository and its database, with these rows and this document, whatever SQLite does.
-
-    A write happens as a whole or not at all.
-    """
+    """A repository and its database with rows and a document; a write is whole or not at all."""
 
     def __init__(self, rows=(), document=None):
         self.rows, self.document, self.db = rows, document, self

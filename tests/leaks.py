@@ -1,7 +1,4 @@
-"""Lives random lives again and again, with all that fails: the interpreter's references stay flat.
-
-For the debug interpreter, which counts them: `make check` runs it.
-"""
+"""Lives on and on, with all that fails: the debug interpreter's count of references stays flat."""
 
 import gc
 import logging
@@ -42,9 +39,8 @@ def make_mistakes(_):
         attempt(getattr(t, operation), *args, **kwargs)
     for odd in ("x", 2**70, object(), b"x"):
         for column in range(6):
-            attempt(
-                health.ToolHealthTracker, Stored([row, (*row[:column], odd, *row[column + 1 :])])
-            )
+            edited = (*row[:column], odd, *row[column + 1 :])
+            attempt(health.ToolHealthTracker, Stored([row, edited]))
     for document in ("[]]", '[{"tool": "b"}]', "5", "[" * 100_000):
         attempt(health.ToolHealthTracker, Stored((), document))
     for stats in ([dict.fromkeys(KEYS, 1.5)], [{}], 5):

@@ -1,12 +1,11 @@
-"""Lets every single allocation of each operation fail, Python's and C++'s.
+"""Lets every single allocation of each operation fail, Python's and C++'s (failing_new preloaded).
 
 Whatever fails, the operation has happened or has not; memory, marks and mirror agree; nothing that
-is stored is lost; and the next operations work. For `make check`, with failing_new preloaded.
+is stored is lost; and the next operations work.
 """
 
 import ctypes
 import logging
-import sys
 from dataclasses import astuple
 
 import _testcapi
@@ -33,15 +32,14 @@ STEPS = {
 
 def full_tracker():
     """Some tools and calls stored, one tool disabled, and changes that are not stored yet."""
-    database = Stored()
-    t = health.ToolHealthTracker(database, ToolsConfig(2, 1e9))
+    t = health.ToolHealthTracker(Stored(), ToolsConfig(2, 1e9))
     for name in ("stored", "a", "a", "a"):
         t.record_error(name, "e")
         t.record_call(name, None, "ok", alias_hit=False, duration_ms=1)
     t.flush()
     t.record_success("changed")
     t.record_call("stored", None, "ok", alias_hit=False, duration_ms=1)
-    return database, t
+    return t
 
 
 def memory(t):
@@ -53,9 +51,9 @@ def memory(t):
     return states, t._usage
 
 
-def check_the_mirror(database, t):
+def check_the_mirror(t):
     """Whatever memory and mirror do not share is marked as changed."""
-    stored = health.ToolHealthTracker(database, t.limits)
+    stored = health.ToolHealthTracker(t._repo, t.limits)
     for name, state in memory(t)[0].items():
         assert name in t._dirty or memory(stored)[0].get(name, ())[:4] == state[:4], name
     assert t._usage_dirty or stored._usage == t._usage
@@ -63,14 +61,13 @@ def check_the_mirror(database, t):
 
 def sweep(step, arm, disarm):
     """Runs the step with the first allocation failing, the second, and so on, until none does."""
-    _, t = full_tracker()
-    step(t)
+    step(t := full_tracker())
     after = memory(t)
     count = passed = number = 0
     # Some failures are got over, by the interpreter itself or as a history that is left out.
     while passed < 300:
-        database, t = full_tracker()
-        before, rows = memory(t), database.rows
+        t = full_tracker()
+        before, rows = memory(t), t._repo.rows
         number += 1
         arm(number)
         try:
@@ -80,13 +77,13 @@ def sweep(step, arm, disarm):
             failed = True
         failed = disarm() or failed
         assert memory(t) in ((before, after) if failed else (after,))
-        assert {row[0] for row in rows} <= {row[0] for row in database.rows}
-        check_the_mirror(database, t)
+        assert {row[0] for row in rows} <= {row[0] for row in t._repo.rows}
+        check_the_mirror(t)
         t.record_error("next", "e")
         t.record_call("next", None, "ok", alias_hit=False, duration_ms=None)
         t.flush()
         assert not t.has_unsaved_changes
-        check_the_mirror(database, t)
+        check_the_mirror(t)
         count += failed
         passed = 0 if failed else passed + 1
     return count
@@ -97,14 +94,10 @@ def main():
     tools = dict.fromkeys(("a", "b", "\udcff", "stored", "changed", "next"), Spec("\udcff"))
     vars(health).update(TOOLS=tools, is_slow_call=lambda tool, action: False)
     for name, step in STEPS.items():
-        python = sweep(
-            step,
-            lambda n: _testcapi.set_nomemory(n, n + 1),
-            lambda: bool(_testcapi.remove_mem_hooks()),
-        )
+        python = sweep(step, lambda n: _testcapi.set_nomemory(n, n + 1), _testcapi.remove_mem_hooks)
         cpp = sweep(step, fail_new, lambda: not fail_new(0))
         print(f"{python:4} failed allocations of Python's, {cpp:3} of C++'s: {name}")
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    main()

@@ -5,6 +5,7 @@ from unittest import mock
 
 import pytest
 import quillet.utils.process
+from conftest import call
 from quillet.tool_handlers import health
 
 
@@ -23,7 +24,7 @@ def test_what_is_nowhere_is_named(repository, tracker, nowhere, monkeypatch, cap
     with pytest.raises(ImportError, match="quillet.config"):
         health.ToolHealthTracker(repository)
     t.record_success("a")
-    t.record_call("a", None, "ok", alias_hit=False, duration_ms=None)
+    call(t)
     with pytest.raises(ImportError, match="quillet.tool_schemas"):
         t.get_health_summary()
     t.flush()
@@ -47,9 +48,9 @@ def test_a_registry_that_lacks_a_module_of_its_own_says_which(tmp_path, nowhere,
 
 def test_the_daemons_objects_are_attributes_of_the_module(monkeypatch):
     assert health.thread_census is quillet.utils.process.thread_census
-    with mock.patch(f"{health.__name__}.get_timing_collector", lambda: 1 / 0):
-        with pytest.raises(ZeroDivisionError):
-            health.handle_get_tool_performance_stats()
+    other = mock.patch(f"{health.__name__}.get_timing_collector", lambda: 1 / 0)
+    with other, pytest.raises(ZeroDivisionError):
+        health.handle_get_tool_performance_stats()
     assert "get_timing_collector" not in vars(health)
     monkeypatch.setitem(sys.modules, "quillet.utils.process", None)
     assert not hasattr(health, "thread_census") and not hasattr(health, "weather")

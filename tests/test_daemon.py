@@ -18,11 +18,6 @@ from quillet.tool_handlers import embedding, files, health
 from quillet.utils.process import thread_census
 
 
-@pytest.fixture
-def daemon():
-    """The stand-in's own registry, in place of the tests'."""
-
-
 def test_disabling_and_return_are_told_once(repository, caplog):
     caplog.set_level("INFO")
     tracker, started = health.ToolHealthTracker(repository, ToolsConfig(1, 999)), time.time()
@@ -79,7 +74,7 @@ def test_threads_that_cannot_be_started_leave_none_behind(monkeypatch):
         embedding.embed_text(None, "text")
     assert "embedding" not in thread_census().python_threads
     assert len(embedding.embed_text(None, "text")["vector"]) == 8
-    assert thread_census().python_threads["embedding"] == 64
+    assert (now := thread_census()).python_threads["embedding"] == 64 < now.python_total
     del embedding._kept.team
 
 
@@ -108,9 +103,9 @@ def root(tmp_path):
     return tmp_path / "root"
 
 
-def refused(root, error, words):
+def refused(root, words):
     """For the daemon, for `status`, and with what is elsewhere as it was."""
-    with pytest.raises(error, match=words):
+    with pytest.raises((OSError, sqlite3.DatabaseError), match=words):
         Repository(root)
     with pytest.raises((OSError, ValueError), match=words):
         read_stored_health(database_in(root), ToolsConfig())
@@ -122,7 +117,7 @@ def refused(root, error, words):
 def test_no_link_is_followed_and_no_pipe_waited_for(root, name, target):
     place = root / ".quillet" / name
     os.mkfifo(place) if target == "pipe" else place.symlink_to(root.parent / target)
-    refused(root, OSError, f"{name} is not a plain file")
+    refused(root, f"{name} is not a plain file")
 
 
 def test_neither_folder_nor_journal_leads_elsewhere(root):
@@ -130,10 +125,10 @@ def test_neither_folder_nor_journal_leads_elsewhere(root):
     (own / "quillet.db").touch()
     # So ends a journal that names a further one, which SQLite would delete.
     (own / "quillet.db-journal").write_bytes(b"file\0\0\0\4\0\0\0\0\xd9\xd5\5\xf9\x20\xa1\x63\xd7")
-    refused(root, OSError, "journal is not of a daemon's making")
+    refused(root, "journal is not of a daemon's making")
     own.rename(root / "own")
     own.symlink_to(root / "own")
-    refused(root, OSError, ".quillet is a link")
+    refused(root, ".quillet is a link")
 
 
 @pytest.mark.parametrize(
@@ -147,20 +142,19 @@ def test_neither_folder_nor_journal_leads_elsewhere(root):
 def test_no_code_of_the_database_runs(root, code):
     with closing(sqlite3.connect(root / ".quillet" / "quillet.db")) as other:
         other.executescript(code)
-    refused(root, sqlite3.DatabaseError, "only plain tables are used")
+    refused(root, "only plain tables are used")
 
 
 def test_only_what_is_served_is_read(root, monkeypatch):
-    here = SimpleNamespace(root=root)
+    here, refusal = SimpleNamespace(root=root), "is not among the repository's files"
     (root / "out").symlink_to(root.parent)
     (root / "a").write_text("text\n")
     (root / ".quillet" / "a").write_text("text\n")
     assert [match["path"] for match in files.search_text(here, "text")["matches"]] == ["a"]
-    paths = ["../file", f"{root.parent}/file", "out/file", ".quillet/a", "../" + "x" * 10**5]
-    for path in paths:
-        with pytest.raises(PermissionError, match="is not among the repository's files"):
+    for path in ("../file", f"{root.parent}/file", "out/file", ".quillet/a", "../" + "x" * 10**5):
+        with pytest.raises(PermissionError, match=refusal):
             files.read_file(here, path)
     # A file may be swapped for a link once its name was found to be good.
     monkeypatch.setattr(files, "_inside", lambda root, path: root / path)
-    with pytest.raises(PermissionError, match="is not among the repository's files"):
+    with pytest.raises(PermissionError, match=refusal):
         files.read_file(here, "out/file")

@@ -11,6 +11,7 @@ import sys
 import threading
 import time
 import tracemalloc
+from functools import partial
 from types import SimpleNamespace
 
 import pytest
@@ -32,7 +33,9 @@ def full_tracker():
 def other():
     """Another thread, which does its work each time that it gets in."""
     interval, threshold, over = sys.getswitchinterval(), gc.get_threshold(), threading.Event()
-    other = SimpleNamespace(work=lambda: other.marks.append("|"), marks=[])
+    other = SimpleNamespace(work=lambda: other.mark("|"), marks=[])
+    other.mark = lambda mark=".", answer=None: other.marks.append(mark) or answer
+    other.tools = SimpleNamespace(get=lambda tool: other.mark(".", Spec()))
 
     def repeat():
         while not over.is_set():
@@ -41,7 +44,7 @@ def other():
 
     def mark_allocations(phase, _):
         """The objects that the collector counts: rows, answers."""
-        other.marks.append("." * 100 * (phase == "start"))
+        other.mark("." * 100 * (phase == "start"))
 
     sys.setswitchinterval(1000)
     gc.set_threshold(100)
@@ -73,7 +76,7 @@ def in_turns(other, work):
 
 @pytest.mark.parametrize("operation", ["_flush_health", "get_health_summary"])
 def test_a_flush_and_a_summary_build_in_turns(other, operation, monkeypatch):
-    monkeypatch.setattr(health, "is_slow_call", lambda *_: other.marks.append("."))
+    monkeypatch.setattr(health, "is_slow_call", lambda *_: other.mark())
     assert in_turns(other, lambda: getattr(full_tracker(), operation)())
 
 
@@ -87,19 +90,15 @@ def test_a_lone_call_lets_nobody_in(other):
 
 
 def test_a_start_reads_in_turns(other, monkeypatch):
-    def marked(value):
-        other.marks.append(".")
-        return value
-
     class Row:
         def __getitem__(self, column):
-            return marked("a") if column == 0 else (1, 0, None, None, None)[column - 1]
+            return (other.mark(".", "a") if column == 0 else None, 1, 0, None, None, None)[column]
 
     def elements(document):
         for n in range(ENTRIES):
-            yield marked(dict(zip(MEMBERS, ("a", None, str(n), False, 1, 0, 0.0))))
+            yield other.mark(".", dict(zip(MEMBERS, ("a", None, str(n), False, 1, 0, 0.0))))
 
-    monkeypatch.setattr(health, "TOOLS", SimpleNamespace(get=lambda tool: marked(Spec())))
+    monkeypatch.setattr(health, "TOOLS", other.tools)
     monkeypatch.setattr(json, "loads", elements)
     stored = Stored([Row()] * ENTRIES, "in a form of its own")
     assert in_turns(other, lambda: health.ToolHealthTracker(stored))
@@ -132,16 +131,11 @@ def test_a_document_is_read_and_a_summary_gathered_beside_others(other, monkeypa
     full = full_tracker()
     full.flush()
 
-    def marking(mark, answer):
-        return lambda *_: other.marks.append(mark) or answer
-
-    db = SimpleNamespace(fetchall=lambda _: [], fetchone=marking("F", [full._repo.document]))
-    monkeypatch.setattr(health, "TOOLS", SimpleNamespace(get=marking(".", Spec())))
-    monkeypatch.setattr(health, "is_slow_call", marking(".", False))
-    for work in (
-        lambda: health.ToolHealthTracker(SimpleNamespace(db=db)),
-        lambda: other.marks.append("F") or full.get_health_summary(),
-    ):
+    full._repo.fetchone = lambda *_: other.mark("F", [full._repo.document])
+    monkeypatch.setattr(health, "TOOLS", other.tools)
+    monkeypatch.setattr(health, "is_slow_call", lambda *_: other.mark())
+    restart = partial(health.ToolHealthTracker, full._repo)
+    for work in (restart, lambda: other.mark("F", full).get_health_summary()):
         counts = []
         for _ in range(15):
             other.marks.clear()

@@ -52,8 +52,8 @@ class Life:
     """A tracker and a plain one, each with a database of its own, to which the same happens."""
 
     def __init__(self, random, monkeypatch, tell):
-        self.random, self.choice, self.monkeypatch = random, random.choice, monkeypatch
-        self.tell = tell
+        self.random, self.choice = random, random.choice
+        self.monkeypatch, self.tell = monkeypatch, tell
         self.repositories = [SpyRepository(Stored()) for _ in range(2)]
         self.tools = [self.text() for _ in range(4)]
         # Few of the rest, so that they meet again.
@@ -62,9 +62,7 @@ class Life:
         self.settings = SimpleNamespace(disable_after_errors=self.choice(RUNS))
         self.said = [repository.calls for repository in self.repositories]  # to anybody
         for module, said in zip((health, plain_tracker), self.said):
-            monkeypatch.setattr(
-                module.logger, "warning", lambda *told, said=said: said.append(told)
-            )
+            monkeypatch.setattr(module.logger, "warning", lambda *told, to=said: to.append(told))
         monkeypatch.setattr(health, "is_slow_call", self.is_slow_call(0))
         monkeypatch.setattr(plain_tracker, "time", SimpleNamespace(time=self.clock))
         self.start()
@@ -118,12 +116,9 @@ class Life:
         self.both("is_disabled", self.choice(self.tools))
 
     def count(self):
-        action, outcome = self.choice(self.actions), self.choice(["ok", "\udcff"])
-        named = {
-            "alias_hit": self.choice([False, True]),
-            "duration_ms": self.choice(self.durations),
-        }
-        self.both("record_call", self.choice(self.tools), action, outcome, **named)
+        call = self.choice(self.tools), self.choice(self.actions), self.choice(["ok", "\udcff"])
+        hit, duration_ms = self.choice([False, True]), self.choice(self.durations)
+        self.both("record_call", *call, alias_hit=hit, duration_ms=duration_ms)
 
     def flush(self):
         self.let_fail(self.choice([None, "executemany", "execute"]), self.choice(FAILURES))
@@ -186,8 +181,8 @@ def start(monkeypatch, caplog):
     registry = Registry(["a", "b", "5", "True"], "gone")
     monkeypatch.setattr(health, "TOOLS", registry)
 
-    def lived(tracker_class, stored, *arguments):
-        repository = SpyRepository(stored)
+    def lived(stored, tracker_class, *arguments):
+        repository = SpyRepository(Stored(*stored))
         caplog.clear()
         try:
             tracker = tracker_class(repository, ToolsConfig(3, 1e12), *arguments)
@@ -198,10 +193,9 @@ def start(monkeypatch, caplog):
         tracker.record_call("a", None, "ok", alias_hit=False, duration_ms=1)
         return repr((read, asked, tracker.flush(), repository.calls))
 
-    def start(rows=(), document=None):
-        ours, plain = Stored(rows, document), Stored(rows, document)
-        other = lived(plain_tracker.PlainTracker, plain, registry, lambda *_: False)
-        assert lived(health.ToolHealthTracker, ours) == other, (rows, document)
+    def start(*stored):
+        other = lived(stored, plain_tracker.PlainTracker, registry, lambda *_: False)
+        assert lived(stored, health.ToolHealthTracker) == other, stored
 
     return start
 

@@ -1,7 +1,7 @@
 """The answers of the status tools that need no tracker."""
 
+import os
 import threading
-from collections import Counter
 from types import MappingProxyType, SimpleNamespace
 
 import pytest
@@ -40,12 +40,10 @@ def census(os, total, names=()):
 
 @pytest.mark.parametrize(
     ("os_threads", "python_total", "budget", "warned"),
-    [
-        (None, 12, 10, 12), (None, 10, 10, None), (40, 12, 32, 40), (20, 50, 32, None),
-        (32, 1, 32, None), (33, 1, 32, 33), (0, 5, 0, None), (0, 5, -1, 0), (1, 0, 0, 1),
-        (10**30, 1, 10**29, 10**30), (True, 1, False, 1),
-    ],  # fmt: skip
-)
+    [(None, 12, 10, 12), (None, 10, 10, None), (40, 12, 32, 40), (20, 50, 32, None),
+     (32, 1, 32, None), (33, 1, 32, 33), (0, 5, 0, None), (0, 5, -1, 0), (1, 0, 0, 1),
+     (10**30, 1, 10**29, 10**30), (True, 1, False, 1)],
+)  # fmt: skip
 def test_threads_are_measured_against_the_budget(os_threads, python_total, budget, warned):
     names = {"z": 2, "a": 1}
     report = health.thread_census_report(budget, census(os_threads, python_total, names))
@@ -57,9 +55,7 @@ def test_threads_are_measured_against_the_budget(os_threads, python_total, budge
             "threads are piling up. A thread that ran the local embedding model keeps a team of "
             "torch threads, as many as QUILLET_EMBED_THREADS allows (0 leaves torch's own size)."
         )
-    assert report == expected and list(report) == list(expected)
-    assert list(report["python_by_name"]) == ["z", "a"]
-    assert report["budget"] is budget
+    assert repr(report) == repr(expected)
 
 
 def test_a_census_is_taken_only_when_none_is_given(monkeypatch):
@@ -87,18 +83,11 @@ def test_the_daemons_collector():
     assert [tuple(record[key] for key in KEYS) for record in timing.get_all_stats()] == values
 
 
-def test_the_daemons_census():
-    before, over = thread_census(), threading.Event()
-    names = "pool_0", "pool-x_1", "pool_12", "Thread-7 (work)", "Thread-8 (work)", "_3"
-    threads = [threading.Thread(target=over.wait, name=name) for name in names]
-    try:
-        for thread in threads:
-            thread.start()
-        now = thread_census()
-    finally:
-        over.set()
-        for thread in threads:
-            thread.join()
-    more = Counter(now.python_threads) - Counter(before.python_threads)
-    assert more == {"pool": 2, "pool-x": 1, "Thread (work)": 2, "_3": 1}
-    assert (now.python_total - before.python_total, now.os_threads - before.os_threads) == (6, 6)
+def test_the_daemons_census(monkeypatch):
+    names = {"pool-x_12": "pool-x", "Thread-7 (work)": "Thread (work)", "_3": "_3"}
+    for name, group in names.items():
+        monkeypatch.setattr(threading.current_thread(), "name", name)
+        census = thread_census()
+        assert census.python_threads[group] == 1
+    assert census.python_total == threading.active_count()
+    assert census.os_threads == len(os.listdir("/proc/self/task"))

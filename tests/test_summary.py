@@ -4,6 +4,8 @@ import subprocess
 import sys
 import threading
 import time
+from concurrent.futures import ThreadPoolExecutor
+from functools import partial
 
 import pytest
 from conftest import call
@@ -37,15 +39,9 @@ def test_a_call_from_within_is_refused(tracker, monkeypatch):
     assert len(refused) == 6 and t.flush() == 1 and t._state == {}
 
 
-@pytest.fixture
-def hasty_switches():
-    interval = sys.getswitchinterval()
+def test_counts_are_exact_with_many_threads(tracker, monkeypatch, request):
+    request.addfinalizer(partial(sys.setswitchinterval, sys.getswitchinterval()))
     sys.setswitchinterval(1e-6)
-    yield
-    sys.setswitchinterval(interval)
-
-
-def test_counts_are_exact_with_many_threads(tracker, monkeypatch, hasty_switches):
     t = tracker(errors=10**9)
     start = threading.Barrier(8)
     monkeypatch.setattr(health, "is_slow_call", lambda tool, action: time.sleep(0))
@@ -60,11 +56,8 @@ def test_counts_are_exact_with_many_threads(tracker, monkeypatch, hasty_switches
                 t.flush()
                 t.get_health_summary()
 
-    threads = [threading.Thread(target=work, args=(number,)) for number in range(8)]
-    for thread in threads:
-        thread.start()
-    for thread in threads:
-        thread.join()
+    with ThreadPoolExecutor(8) as threads:
+        list(threads.map(work, range(8)))
     t.flush()
     for seen in (t, tracker()):
         assert (seen._state["a"].call_count, seen._state["a"].error_count) == (16000, 8000)

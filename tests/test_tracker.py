@@ -4,7 +4,6 @@ import copy
 import gc
 import inspect
 import json
-import logging
 import time
 import weakref
 from dataclasses import astuple
@@ -131,9 +130,7 @@ def test_a_flush_looks_at_what_changed_alone():
 def test_an_unreadable_history_is_logged_but_no_interrupt(tracker, repository, caplog, operation):
     repository.db.failures[operation] = error = RuntimeError("no luck")
     tracker()
-    [record] = caplog.records
-    assert (record.name, record.levelno) == (health.__name__, logging.WARNING)
-    assert record.args == (error,) and error.__traceback__
+    assert [record.args for record in caplog.records] == [(error,)] and error.__traceback__
     repository.db.failures[operation] = KeyboardInterrupt()
     with pytest.raises(KeyboardInterrupt):
         tracker()
