@@ -52,8 +52,8 @@ def figures() -> Iterator[Figure]:
         yield Figure(subject, ns["component"], ns["plain"], "ns", ratio, at_least)
         if floors:
             ratio = median_ratio(net["component"], net[floor])
-            subject += f", over the {floor}"
-            yield Figure(subject, ns["component"], ns[floor], "ns", ratio, at_most=floors)
+            over = f"{subject}, over the {floor}"
+            yield Figure(over, ns["component"], ns[floor], "ns", ratio, at_most=floors)
 
 
 def _loop(call: str, target: Any, tool: int) -> Callable[[], float]:

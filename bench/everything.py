@@ -17,10 +17,10 @@ def figures() -> Iterator[Figure]:
     """The summary of few tools and of many, and the flush of many."""
     for work, tools, rounds, at_least in WORK:
         keys = tools * ACTIONS
-        trackers = both(tools)
+        measures = {name: MEASURES[work](tracker, tools) for name, tracker in both(tools).items()}
         gc.freeze()
-        measures = {name: MEASURES[work](tracker, tools) for name, tracker in trackers.items()}
         samples = interleaved(rounds, measures)
         us = {name: median(times) / keys * 1e6 for name, times in samples.items()}
         ratio = median_ratio(samples["plain"], samples["component"])
-        yield Figure(f"{work}, {keys:,} keys", us["component"], us["plain"], "us", ratio, at_least)
+        subject = f"{work}, {keys:,} keys"
+        yield Figure(subject, us["component"], us["plain"], "us", ratio, at_least)
