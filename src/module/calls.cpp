@@ -1,8 +1,6 @@
 // The operations of every tool call. None of them touches the database, and one that finds the tool
 // known allocates nothing but its answer and an error's text that is new.
-#include <cstdint>
-#include <ctime>
-#include <limits>
+#include <chrono>
 #include <optional>
 
 #include "module/operation.hpp"
@@ -15,15 +13,10 @@ namespace {
 // How much of an error's text is kept, in code points.
 constexpr Py_ssize_t kLastErrorLength = 500;
 
-// Epoch seconds: the very double that the interpreter makes of this instant.
+// Epoch seconds.
 double wall_clock() {
-    constexpr std::int64_t kNanoseconds = 1'000'000'000;
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    if (now.tv_nsec == 0 || now.tv_sec >= std::numeric_limits<std::int64_t>::max() / kNanoseconds) {
-        return static_cast<double>(now.tv_sec);  // from 2262 on, whole seconds
-    }
-    return static_cast<double>(now.tv_sec * kNanoseconds + now.tv_nsec) / kNanoseconds;
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return std::chrono::duration<double>(now).count();
 }
 
 template <std::size_t Size>
