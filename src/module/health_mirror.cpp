@@ -1,5 +1,4 @@
 // The tool_health table.
-#include <list>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -152,14 +151,15 @@ void write_rows(Tracker& tracker, const std::vector<HealthRow>& rows) {
 }
 
 Ref flush_health(Tracker& tracker) {
-    std::list<Taken> taken(1);  // the memory that marking again would need
-    auto& rows = taken.front().rows;
-    rows = tracker.health.run_aside([](Health& health) { return health.states.take_changes(); });
+    auto rows =
+        tracker.health.run_aside([](Health& health) { return health.states.take_changes(); });
     const auto count = static_cast<Count>(rows.size());
     if (count > 0) {
-        write_or_mark(tracker.health, taken, [&] { write_rows(tracker, rows); });
+        write_or_mark(
+            tracker.health, [&] { write_rows(tracker, rows); },
+            [&](Health& health) { health.states.restore_changes(rows); });
     }
-    free_aside(taken);
+    free_aside(rows);
     return to_python(count);
 }
 

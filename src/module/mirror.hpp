@@ -2,7 +2,6 @@
 // Both are read when a tracker is made and written when it is flushed.
 #pragma once
 
-#include <list>
 #include <string_view>
 
 #include "module/shared_health.hpp"
@@ -39,12 +38,12 @@ bool read_or_log(const ModuleState& module, const char* message, Read&& read) {
     return false;
 }
 
-// Writes to the database. When that fails, what was to be written counts as changed again.
-template <class Write>
-void write_or_mark(SharedHealth& health, std::list<Taken>& taken, Write&& write) {
+// Writes to the database. When that fails, `mark_again` marks what was to be written as changed.
+template <class Write, class MarkAgain>
+void write_or_mark(SharedHealth& health, Write&& write, MarkAgain&& mark_again) {
     const auto error = error_of(write);
     if (error != nullptr) {
-        health.mark_again(taken);
+        health.run_surely(mark_again);
         raise_again(error);
     }
 }

@@ -11,10 +11,8 @@
 
 #include <atomic>
 #include <chrono>
-#include <list>
 #include <mutex>
 #include <thread>
-#include <vector>
 
 #include "core/tool_states.hpp"
 #include "core/usage.hpp"
@@ -28,12 +26,6 @@ struct Health {
     UsageCounts usage;
 
     bool has_changes() const { return states.has_changes() || usage.has_changes(); }
-};
-
-// What a write takes: these tools' changes, or the counts'.
-struct Taken {
-    std::vector<HealthRow> rows;
-    bool usage = false;
 };
 
 // Does something at the end of a scope.
@@ -78,12 +70,15 @@ public:
         return work(health_);
     }
 
-    // Marks what a write took as changed again. Waits for nobody: whoever works on the memory next
-    // does it first.
-    void mark_again(std::list<Taken>& unwritten) {
-        announced_.fetch_add(static_cast<int>(unwritten.size()), std::memory_order_relaxed);
-        const std::lock_guard lock(unwritten_mutex_);
-        unwritten_.splice(unwritten_.end(), unwritten);
+    // Runs work that must happen, whatever the handlers of signals would raise: they have to wait.
+    template <class Work>
+    void run_surely(Work&& work) {
+        announce();
+        const AtExit lower{[&] { announced_.fetch_sub(1, std::memory_order_release); }};
+        aside([&] {
+            const std::lock_guard lock(mutex_);
+            work(health_);
+        });
     }
 
 private:
@@ -110,26 +105,10 @@ private:
         while (!lock.try_lock_until(Clock::now() + std::chrono::milliseconds(100))) {
             gil.serve_signals();
         }
-        mark_unwritten();
         return lock;
     }
 
-    void mark_unwritten() {
-        std::list<Taken> unwritten;
-        {
-            const std::lock_guard lock(unwritten_mutex_);
-            unwritten.swap(unwritten_);
-        }
-        for (const auto& taken : unwritten) {
-            health_.states.restore_changes(taken.rows);
-            health_.usage.mark_changed(taken.usage || health_.usage.has_changes());
-        }
-        announced_.fetch_sub(static_cast<int>(unwritten.size()), std::memory_order_release);
-    }
-
     Health health_;
-    std::list<Taken> unwritten_;  // announced, one each
-    std::mutex unwritten_mutex_;  // of the list; nobody waits for anything while holding it
     std::atomic<int> announced_ = 0;
     Mutex mutex_;
     std::atomic<std::thread::id> holder_{};

@@ -1,6 +1,5 @@
 // The usage document.
 #include <cstring>
-#include <list>
 #include <optional>
 #include <span>
 #include <string>
@@ -160,14 +159,14 @@ void write_document(Tracker& tracker, std::span<const UsageEntry> entries) {
 }
 
 Ref flush_usage(Tracker& tracker) {
-    std::list<Taken> taken(1);  // the memory that marking again would need
-    taken.front().usage = true;
     auto entries =
         tracker.health.run_aside([](Health& health) { return health.usage.take_changes(); });
     if (!entries) {
         return to_python(Count{0});
     }
-    write_or_mark(tracker.health, taken, [&] { write_document(tracker, *entries); });
+    write_or_mark(
+        tracker.health, [&] { write_document(tracker, *entries); },
+        [](Health& health) { health.usage.mark_changed(true); });
     const auto count = static_cast<Count>(entries->size());
     free_aside(*entries);
     return to_python(count);
