@@ -67,53 +67,31 @@ int tracker_init(PyObject* self, PyObject* args, PyObject* kwargs) {
                                         &repository, &limits) == 0) {
             throw PythonError();
         }
-        auto settings =
-            limits != Py_None ? shared(limits) : find(tracker_of(self).module, kToolsConfig)();
-        auto* tracker = as_object(self)->tracker;
-        if (tracker->initialized) {
-            raise(PyExc_RuntimeError, "the tracker is initialized already");
+        auto& tracker = tracker_of(self);
+        auto settings = limits != Py_None ? shared(limits) : find(tracker.module, kToolsConfig)();
+        if (tracker.limits != nullptr) {
+            raise(PyExc_RuntimeError, "a tracker is initialized once");
         }
-        if (tracker->limits != nullptr) {
-            auto anew = std::make_unique<Tracker>(tracker->module);
-            anew->self = self;
-            anew->earlier.reset(tracker);
-            tracker = as_object(self)->tracker = anew.release();
-        }
-        tracker->initialized = true;
-        const auto error = error_of([&] {
-            tracker->limits = std::move(settings);
-            tracker->repository = shared(repository);
-            shared(self).method(tracker->names[Name::_load]);
-            shared(self).method(tracker->names[Name::_load_usage]);
-        });
-        tracker->initialized = error == nullptr;
-        raise_if(error);
+        tracker.limits = std::move(settings);
+        tracker.repository = shared(repository);
+        shared(self).method(tracker.names[Name::_load]);
+        shared(self).method(tracker.names[Name::_load_usage]);
     });
     return done ? 0 : -1;
 }
 
-int visit_all(std::initializer_list<PyObject*> referents, visitproc visit, void* arg) {
-    for (PyObject* referent : referents) {
-        Py_VISIT(referent);
-    }
-    return 0;
-}
-
 int tracker_traverse(PyObject* self, visitproc visit, void* arg) {
-    auto* type = reinterpret_cast<PyObject*>(Py_TYPE(self));
-    int stop = visit_all({type, as_object(self)->attributes}, visit, arg);
-    for (auto* each = as_object(self)->tracker; stop == 0 && each != nullptr;
-         each = each->earlier.get()) {
-        stop = visit_all({each->module_owner, each->repository, each->limits}, visit, arg);
-    }
-    return stop;
+    Py_VISIT(Py_TYPE(self));
+    Py_VISIT(as_object(self)->attributes);
+    Py_VISIT(tracker_of(self).module_owner.get());
+    Py_VISIT(tracker_of(self).repository.get());
+    Py_VISIT(tracker_of(self).limits.get());
+    return 0;
 }
 
 int tracker_clear(PyObject* self) {
     Py_CLEAR(as_object(self)->attributes);
-    for (auto* each = as_object(self)->tracker; each != nullptr; each = each->earlier.get()) {
-        each->repository = each->limits = Ref();
-    }
+    tracker_of(self).repository = tracker_of(self).limits = Ref();
     return 0;
 }
 

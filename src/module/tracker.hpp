@@ -1,8 +1,6 @@
 // ToolHealthTracker: a repository's tool health, kept in memory and mirrored into its database.
 #pragma once
 
-#include <memory>
-
 #include "module/operation.hpp"
 #include "module/shared_health.hpp"
 
@@ -21,12 +19,10 @@ struct Tracker {
     const Names& names = module.names;
     Ref module_owner = shared(module.module);  // the class lets go of it when both are collected
     PyObject* self = nullptr;                  // the Python object that holds this
-    bool initialized = false;                  // or being so
     Ref repository;                            // null until __init__ has run
     Ref limits;                                // likewise
     SharedHealth health;
-    DisabledAnswer latest_answer;      // guarded by the interpreter lock
-    std::unique_ptr<Tracker> earlier;  // of an __init__ that failed: operations may be using it
+    DisabledAnswer latest_answer;  // guarded by the interpreter lock
 };
 
 Tracker& tracker_of(PyObject* self);

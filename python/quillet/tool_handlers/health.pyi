@@ -140,7 +140,7 @@ class ToolHealthTracker:
                 `disable_cooldown_s` (seconds); a default ToolsConfig when None.
 
         Raises IndexError, OverflowError, TypeError or ValueError for a stored row that does not
-        convert; a constructor that failed can be called again.
+        convert.
         """
     @property
     def limits(self) -> Limits:
