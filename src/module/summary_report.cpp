@@ -1,6 +1,5 @@
 // The summary of all tools' health.
 #include <initializer_list>
-#include <optional>
 #include <utility>
 #include <vector>
 
@@ -47,19 +46,6 @@ void ask_for_slow_calls(std::vector<ToolSummary>& tools, const Ref& is_slow_call
     }
 }
 
-// The summary, with is_slow_call looked up before: importing it runs Python at length. Nothing
-// when it turns out to be needed and is null.
-std::optional<std::vector<ToolSummary>> gather(Tracker& tracker, const Ref& is_slow_call) {
-    return tracker.health.run_calling_python([&](const Health& health) {
-        std::optional<std::vector<ToolSummary>> tools;
-        if (is_slow_call != nullptr || health.usage.entries().empty()) {
-            tools = aside([&] { return summarize(health.states, health.usage); });
-            ask_for_slow_calls(*tools, is_slow_call);
-        }
-        return tools;
-    });
-}
-
 Ref answer(const Names& names, const UsageRow& row) {
     return make_map(names, {{Name::action, to_python(row.key->action)},
                             {Name::outcome, to_python(row.key->outcome)},
@@ -87,22 +73,25 @@ Ref answer(const Names& names, const ToolSummary& tool, Pacer& pacer) {
 }
 
 Ref get_health_summary(Tracker& tracker) {
-    auto tools = gather(tracker, {});
-    if (!tools) {
-        tools = gather(tracker, find(tracker.module, kIsSlowCall));
-    }
+    // Before the lock is taken: importing it runs Python at length.
+    const auto is_slow_call = find(tracker.module, kIsSlowCall);
+    auto tools = tracker.health.run_calling_python([&](const Health& health) {
+        auto gathered = aside([&] { return summarize(health.states, health.usage); });
+        ask_for_slow_calls(gathered, is_slow_call);
+        return gathered;
+    });
     aside([&] {
-        for (auto& tool : *tools) {
+        for (auto& tool : tools) {
             sort_usage(tool.usage);
         }
     });
     auto answers = owned(PyList_New(0));
     Pacer pacer;
-    for (const auto& tool : *tools) {
+    for (const auto& tool : tools) {
         checked(PyList_Append(answers, answer(tracker.names, tool, pacer)));
         pacer.step();
     }
-    free_aside(*tools);
+    free_aside(tools);
     return answers;
 }
 
