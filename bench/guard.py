@@ -8,7 +8,7 @@ from functools import partial
 from statistics import median
 
 from figures import Figure
-from quillet.agent.client import Client
+from quillet.client import Client
 from timing import interleaved, timed
 
 SERVER = """

@@ -10,10 +10,10 @@ from types import SimpleNamespace
 
 import pytest
 from quillet.config import ToolsConfig, read_tools_config
-from quillet.daemon import flusher
-from quillet.daemon.disabled_tools import DisabledTools
+from quillet.keeper import flusher
+from quillet.keeper.disabled_tools import DisabledTools
+from quillet.keeper.stored_health import read_stored_health
 from quillet.repository import Repository, database_in
-from quillet.stored_health import read_stored_health
 from quillet.tool_handlers import embedding, files, health
 from quillet.utils.process import thread_census
 

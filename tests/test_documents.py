@@ -17,7 +17,7 @@ from unittest import mock
 import pytest
 from conftest import Stored, call
 from documents import ROOT, snippets
-from quillet.agent.client import Client
+from quillet.client import Client
 from quillet.config import ToolsConfig
 from quillet.tool_handlers import health
 

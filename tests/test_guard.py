@@ -8,7 +8,7 @@ import time
 from contextlib import suppress
 
 import pytest
-from quillet.agent.client import Client
+from quillet.client import Client
 from quillet.protocol.messages import line_of
 from test_mcp import SERVE, Agent
 

@@ -11,7 +11,7 @@ from contextlib import closing
 from unittest.mock import ANY
 
 import pytest
-from quillet.agent.client import META, Client
+from quillet.client import META, Client
 from quillet.protocol.messages import line_of
 from quillet.protocol.revisions import TODAYS, VERSION
 from quillet.tool_handlers.health import __version__

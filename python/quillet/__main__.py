@@ -7,13 +7,6 @@ from importlib import import_module
 from quillet.diagnostics import complain, finish_log
 from quillet.options import parse_options
 
-COMMANDS = {
-    "serve": "quillet.daemon.serve",
-    "guard": "quillet.guard.guard",
-    "play": "quillet.agent.play",
-    "status": "quillet.stored_status",
-}
-
 
 def main() -> int:
     """Runs the command; nothing of the others is loaded. Returns the exit status."""
@@ -24,7 +17,7 @@ def main() -> int:
     if not sys.stderr:
         os.open(os.devnull, os.O_WRONLY)
     options = parse_options(sys.argv[1:])
-    status: int = import_module(COMMANDS[options.command]).main(options)
+    status: int = import_module(f"quillet.commands.{options.command}").main(options)
     return status
 
 

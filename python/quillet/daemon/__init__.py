@@ -1,1 +1,1 @@
-"""What the daemon does around a tool call: running it, and saving what it left behind."""
+"""A daemon that serves tools: its streams, its session with a client, its tool calls."""

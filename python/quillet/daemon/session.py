@@ -7,8 +7,8 @@ from functools import partial
 from reprlib import repr as shortened
 from typing import Any
 
-from quillet.daemon.outcome import Outcome
 from quillet.daemon.tool_pipeline import ToolPipeline
+from quillet.keeper.outcome import Outcome
 from quillet.protocol import messages, revisions
 from quillet.protocol.messages import Id, Message, ProtocolError
 from quillet.protocol.results import tool_result

@@ -8,7 +8,7 @@ from collections.abc import Callable, Iterator
 from io import BufferedReader
 from queue import SimpleQueue
 
-from quillet.daemon.ending import Ending
+from quillet.keeper.ending import Ending
 from quillet.protocol.messages import MAX_MESSAGE_BYTES
 
 MAX_OPEN = 256  # lines that are read and not answered; further ones stay with the client

@@ -6,9 +6,9 @@ from collections.abc import Mapping
 from concurrent.futures import ThreadPoolExecutor
 from typing import Any, NamedTuple
 
-from quillet.daemon.disabled_tools import DisabledTools
-from quillet.daemon.outcome import Outcome
 from quillet.daemon.tool_calls import ToolCall, UnclearCall, resolve
+from quillet.keeper.disabled_tools import DisabledTools
+from quillet.keeper.outcome import Outcome
 from quillet.repository import Repository
 from quillet.tool_handlers.context import ToolContext
 from quillet.tool_handlers.health import ToolHealthTracker

@@ -10,8 +10,8 @@ from collections.abc import Callable, Sequence
 from contextlib import suppress
 from queue import SimpleQueue
 
-from quillet.daemon.ending import Ending
 from quillet.guard.watch import Watch
+from quillet.keeper.ending import Ending
 
 SILENT_S = 5.0  # how long a server that is to end may take from one message to the next
 SIGNALLED_S = 0.5  # and from a signal on, the guard's own among them

@@ -7,9 +7,9 @@ from collections import deque
 from contextlib import suppress
 from typing import Any, NamedTuple
 
-from quillet.daemon.disabled_tools import DisabledTools
-from quillet.daemon.outcome import Outcome
-from quillet.next_try import tools_with_next_try
+from quillet.keeper.disabled_tools import DisabledTools
+from quillet.keeper.next_try import tools_with_next_try
+from quillet.keeper.outcome import Outcome
 from quillet.protocol import messages, revisions
 from quillet.protocol.results import tool_result
 from quillet.tool_handlers.health import ToolHealthTracker

@@ -2,11 +2,11 @@
 
 import argparse
 
-from quillet.daemon import lifecycle
-from quillet.daemon.ending import Ending
 from quillet.daemon.session import Session
 from quillet.daemon.streams import StandardStreams
 from quillet.daemon.tool_pipeline import ToolPipeline, start_handlers
+from quillet.keeper import lifecycle
+from quillet.keeper.ending import Ending
 from quillet.repository import Repository
 from quillet.tool_handlers.health import ToolHealthTracker
 

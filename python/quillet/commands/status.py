@@ -9,10 +9,10 @@ from typing import Any
 from quillet.config import ToolsConfig, read_tools_config
 from quillet.diagnostics import complain
 from quillet.display import status_text
-from quillet.next_try import tools_with_next_try
+from quillet.keeper.next_try import tools_with_next_try
+from quillet.keeper.stored_health import read_stored_health
 from quillet.protocol.results import plain
 from quillet.repository import database_in
-from quillet.stored_health import read_stored_health
 
 
 def main(options: argparse.Namespace) -> int:

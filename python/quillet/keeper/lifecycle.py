@@ -8,11 +8,11 @@ from concurrent.futures import ThreadPoolExecutor
 from typing import Any
 
 from quillet.config import ToolsConfig, read_tools_config
-from quillet.daemon.ending import Ending
-from quillet.daemon.flusher import Flusher
 from quillet.diagnostics import complain, start_log
+from quillet.keeper.ending import Ending
+from quillet.keeper.flusher import Flusher
+from quillet.keeper.stored_health import read_stored_health
 from quillet.repository import Repository
-from quillet.stored_health import read_stored_health
 from quillet.tool_handlers.health import ToolHealthTracker
 
 START_ERRORS = (OSError, ValueError, TypeError, OverflowError, RuntimeError, sqlite3.Error)

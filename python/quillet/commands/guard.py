@@ -2,11 +2,11 @@
 
 import argparse
 
-from quillet.daemon import lifecycle
-from quillet.daemon.ending import Ending
 from quillet.guard.relay import Relay
 from quillet.guard.watch import Watch
-from quillet.stored_health import register_every_tool
+from quillet.keeper import lifecycle
+from quillet.keeper.ending import Ending
+from quillet.keeper.stored_health import register_every_tool
 from quillet.tool_handlers import health
 
 

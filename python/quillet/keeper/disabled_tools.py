@@ -3,7 +3,7 @@
 import logging
 import threading
 
-from quillet.next_try import AT_ONCE, next_try_text
+from quillet.keeper.next_try import AT_ONCE, next_try_text
 from quillet.protocol.results import plain
 from quillet.tool_handlers.health import ToolHealthTracker
 

@@ -10,7 +10,7 @@ import time
 from functools import partial
 from typing import Any, TextIO
 
-from quillet.agent.client import Client
+from quillet.client import Client
 from quillet.diagnostics import complain
 from quillet.display import answer_text, heading_text
 

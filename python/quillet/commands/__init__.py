@@ -1,0 +1,1 @@
+"""The program's commands, a file each, whose `main` runs it and returns the exit status."""
