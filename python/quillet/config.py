@@ -17,8 +17,10 @@ class ToolsConfig:
     disable_cooldown_s: float = 300.0
 
 
-def read_tools_config(path: Path) -> ToolsConfig:
-    """The settings in the file's [tools] table; a ValueError says what is wrong with them."""
+def read_tools_config(path: Path | None) -> ToolsConfig:
+    """The settings in a file's [tools] table, if there is one; a ValueError says what is wrong."""
+    if not path:
+        return ToolsConfig()
     data, _ = read_plain(path, 100_000)
     try:
         tables = tomllib.loads(data.decode())

@@ -33,6 +33,8 @@ def parse_options(arguments: Sequence[str]) -> argparse.Namespace:
         usage="%(prog)s --database FILE [OPTION ...] -- COMMAND [ARGUMENT ...]",
     )
     guard.set_defaults(repository=Path())
+    words = "where the health is kept"
+    guard.add_argument("--database", type=Path, required=True, help=words)
     guard.add_argument("--timeout", type=_span, metavar="SECONDS", help="how long a call may take")
     words = "what counts against a tool: no answer and JSON-RPC errors (failures), or isError, too"
     guard.add_argument(
@@ -47,12 +49,10 @@ def parse_options(arguments: Sequence[str]) -> argparse.Namespace:
     form.add_argument("--text", action="store_true", help="tables, also in a file or pipe")
     form.add_argument("--json", action="store_true", help="JSON also on a terminal")
     for command in (serve, play, status):
+        words = f"its database, if not {DATABASE}"
         command.add_argument("--repository", type=Path, default=Path(), help="the folder to serve")
+        command.add_argument("--database", type=Path, help=words)
     for command in (serve, guard, play, status):
-        words = (
-            "where the health is kept" if command is guard else f"its database, if not {DATABASE}"
-        )
-        command.add_argument("--database", type=Path, required=command is guard, help=words)
         command.add_argument("--config", type=Path, help="a TOML file with a [tools] table")
     return parser.parse_args(arguments)
 

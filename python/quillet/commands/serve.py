@@ -4,11 +4,12 @@ import argparse
 
 from quillet.daemon.session import Session
 from quillet.daemon.streams import StandardStreams
-from quillet.daemon.tool_pipeline import ToolPipeline, start_handlers
+from quillet.daemon.tool_pipeline import HANDLER_THREADS, ToolPipeline
 from quillet.keeper import lifecycle
 from quillet.keeper.ending import Ending
 from quillet.repository import Repository
 from quillet.tool_handlers.health import ToolHealthTracker
+from quillet.utils.process import started_pool
 
 
 def main(options: argparse.Namespace) -> int:
@@ -17,7 +18,7 @@ def main(options: argparse.Namespace) -> int:
 
 
 async def _serve(repository: Repository, tracker: ToolHealthTracker, ending: Ending) -> int:
-    handlers = start_handlers()
+    handlers = started_pool(HANDLER_THREADS, "tool")
     streams = StandardStreams(handlers.shutdown, ending)
     session = Session(ToolPipeline(repository, tracker, handlers), streams.answer)
     streams.start(session.receive)

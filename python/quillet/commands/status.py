@@ -6,7 +6,7 @@ import signal
 import sys
 from typing import Any
 
-from quillet.config import ToolsConfig, read_tools_config
+from quillet.config import read_tools_config
 from quillet.diagnostics import complain
 from quillet.display import status_text
 from quillet.keeper.next_try import tools_with_next_try
@@ -34,7 +34,7 @@ def main(options: argparse.Namespace) -> int:
 
 def _stored_status(options: argparse.Namespace) -> dict[str, Any]:
     """The summary of all tools, the worst first, with when the disabled ones are tried again."""
-    config = read_tools_config(options.config) if options.config else ToolsConfig()
+    config = read_tools_config(options.config)
     database = options.database or database_in(options.repository)
     tracker, damaged = read_stored_health(database, config)
     return {

@@ -13,7 +13,6 @@ from quillet.repository import Repository
 from quillet.tool_handlers.context import ToolContext
 from quillet.tool_handlers.health import ToolHealthTracker
 from quillet.tool_schemas import argument_problem
-from quillet.utils.process import started_pool
 from quillet.utils.timing import get_timing_collector
 
 HANDLER_THREADS = 4
@@ -26,11 +25,6 @@ class Answer(NamedTuple):
 
     outcome: Outcome
     content: Any
-
-
-def start_handlers() -> ThreadPoolExecutor:
-    """The threads that run handlers."""
-    return started_pool(HANDLER_THREADS, "tool")
 
 
 class ToolPipeline:

@@ -7,7 +7,7 @@ from collections.abc import Awaitable, Callable
 from concurrent.futures import ThreadPoolExecutor
 from typing import Any
 
-from quillet.config import ToolsConfig, read_tools_config
+from quillet.config import read_tools_config
 from quillet.diagnostics import complain, start_log
 from quillet.keeper.ending import Ending
 from quillet.keeper.flusher import Flusher
@@ -50,7 +50,7 @@ async def _run(options: argparse.Namespace, serve: Serve) -> int:
 
 
 def _open(options: argparse.Namespace) -> tuple[Repository, ToolHealthTracker]:
-    config = read_tools_config(options.config) if options.config else ToolsConfig()
+    config = read_tools_config(options.config)
     repository = Repository(options.repository, options.database)
     try:
         return repository, ToolHealthTracker(repository, config)
