@@ -3,6 +3,8 @@
 
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
+#include <cxxabi.h>
+#include <unistd.h>
 
 #include <array>
 #include <cstddef>
@@ -10,7 +12,6 @@
 #include <new>
 #include <stdexcept>
 #include <utility>
-#include <vector>
 
 #if PY_VERSION_HEX < 0x030D0000  // from 3.13 on they have these names
 inline int Py_IsFinalizing() { return _Py_IsFinalizing(); }
@@ -33,29 +34,16 @@ inline bool may_touch_references() {
     return running != nullptr && running->thread_id == PyThread_get_thread_ident();
 }
 
-// References that went while a C++ exception was in flight. What an object runs as it goes may be
-// where the interpreter ends the thread, and unwinding it anew would then end the process.
-inline thread_local std::vector<PyObject*> parked;
-
-// Lets go of an object's last reference, or parks it until its thread's exception is caught.
-[[gnu::noinline]] inline void let_go(PyObject* object) {
-    if (std::uncaught_exceptions() == 0) {
-        Py_DECREF(object);
-        return;
-    }
+// Lets go of an object's last reference, which may run any code, and there, too, the interpreter
+// may end the thread. A destructor cannot be unwound, so the thread waits here for the process to
+// be gone.
+[[gnu::noinline]] inline void let_go(PyObject* object) noexcept {
     try {
-        parked.push_back(object);
-    } catch (const std::bad_alloc&) {
-        // It stays for ever.
-    }
-}
-
-// Where nothing is in flight.
-inline void let_go_of_parked() {
-    while (!parked.empty()) {
-        PyObject* object = parked.back();
-        parked.pop_back();
         Py_DECREF(object);
+    } catch (const abi::__forced_unwind&) {
+        while (true) {
+            pause();
+        }
     }
 }
 
@@ -86,8 +74,7 @@ public:
         std::swap(object_, other.object_);
         return *this;
     }
-    // What the object runs as it goes may be where the interpreter ends this thread.
-    ~Ref() noexcept(false) {
+    ~Ref() {
         if (object_ == nullptr || !may_touch_references()) {
             return;
         }
@@ -221,7 +208,6 @@ bool succeeds(Work&& work) {
     } catch (const std::exception& error) {
         PyErr_SetString(PyExc_RuntimeError, error.what());
     }
-    let_go_of_parked();
     return false;
 }
 
