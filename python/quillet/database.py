@@ -81,7 +81,7 @@ class Database:
 
     @contextmanager
     def _writing(self) -> Iterator[None]:
-        """One transaction; an error when nobody will ever find in the file what it wrote."""
+        """One transaction; an error if the file was removed or replaced, and the write is lost."""
         with self._lock, self._naming_the_file(), self._connection:
             yield
             if _identity(self.path) != self._file:

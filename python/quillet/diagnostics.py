@@ -39,7 +39,7 @@ def finish_log() -> None:
 def _say(words: str) -> None:
     """Has a text written; not here, as whoever started the program may never read it.
 
-    It may quote what came from elsewhere. So a further line of its own shows that it is one.
+    It may quote what came from elsewhere, so further lines are indented: none can pass for ours.
     """
     with suppress(Full):
         _waiting.put_nowait("\n  ".join(map(printable, words.splitlines())))

@@ -8,7 +8,7 @@ from pathlib import Path
 def read_plain(path: Path, limit: int) -> tuple[bytes, Path]:
     """A file's content, and where it really is, links followed.
 
-    It is opened first and asked then, as it may be swapped for another at any time.
+    Opened first and checked then: a file checked by its name could be swapped before it is opened.
     """
     # A path alone is opened: no pipe waits for its other end, no device does anything.
     place = os.open(path, os.O_PATH | os.O_CLOEXEC)

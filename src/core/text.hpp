@@ -15,8 +15,8 @@ char32_t take_code_point(std::string_view& text);
 
 bool is_white_space(char32_t code_point);
 
-// A text with its hash, which whoever hands it over has at hand. All texts that meet in one map
-// must be hashed alike. A view: it keeps nothing alive.
+// A text with its hash, which the caller supplies: all texts of one map must be hashed alike. A
+// view: it keeps nothing alive.
 struct HashedText {
     bool operator==(const HashedText& other) const { return text == other.text; }
 
@@ -28,7 +28,7 @@ struct TextHash {
     std::size_t operator()(const HashedText& text) const noexcept { return text.hash; }
 };
 
-// Keeps copies of texts, where they are, for as long as it lives.
+// Owns copies of texts, which keep their addresses for as long as it lives.
 class TextStore {
 public:
     HashedText keep(const HashedText& text);

@@ -59,7 +59,7 @@ HealthRow health_row(const HashedText& tool, const ToolState& state);
 
 // The state of every tool seen, in the order in which they were first seen, and which of them
 // changed since they were last taken for a write. Entries are never removed. An operation that
-// runs out of memory has changed nothing.
+// throws std::bad_alloc has changed nothing.
 class ToolStates {
 public:
     void record_success(const HashedText& tool, double now);
@@ -71,15 +71,15 @@ public:
     void record_error(const HashedText& tool, std::string_view error, double now,
                       std::optional<double> disable_after);
 
-    // Where an entry stands, which is for ever.
+    // An entry's index. Entries are never removed, so it stays valid.
     using Position = std::ptrdiff_t;
     static constexpr Position kNone = -1;
 
     // The position of a tool that is disabled.
     std::optional<Position> find_disabled(const HashedText& tool) const;
 
-    // The last error of the tool there while it is disabled; nothing when it is enabled. If its
-    // cooldown has passed it is enabled now.
+    // Enables the tool at that position if its cooldown has passed. Its last error if it is still
+    // disabled; nothing if it is enabled.
     std::optional<LastError> try_again(Position position, double now, double cooldown_s);
 
     // Installs a stored state, which counts as saved.

@@ -44,10 +44,10 @@ class UsageCounts {
 public:
     void record_call(const UsageKey& key, std::optional<double> duration_ms);
 
-    // Installs a stored count in place of the one with the same key. Changes no mark.
+    // Installs a stored count, replacing one with the same key. Does not count as a change.
     void seed(const UsageKey& key, const Usage& usage) { *find_or_insert(key) = usage; }
 
-    // Installs all of them at once, into none.
+    // Takes over all stored counts; only where there are none yet.
     void adopt(UsageCounts stored);
 
     bool has_changes() const { return changed_; }

@@ -10,7 +10,9 @@
 
 namespace health {
 
-// Releases it for a scope that no exception leaves before it is taken back.
+// Releases it for a scope. Take it back before an exception leaves the scope: taking it back is
+// where the interpreter may end this thread, which must not happen while another exception is in
+// flight.
 class GilRelease {
 public:
     GilRelease() = default;
@@ -36,7 +38,7 @@ private:
     PyThreadState* thread_ = PyEval_SaveThread();
 };
 
-// Runs work without it. The lock is back before an exception goes on: see let_go.
+// Runs work without it.
 template <class Work>
 auto without_gil(Work&& work) {
     GilRelease gil;

@@ -1,12 +1,13 @@
 // A tracker's memory and the lock that guards it.
 //
-// Every operation arrives with the interpreter lock held, and that alone is enough as long as
-// nobody works on the memory without it. Whoever does, or will, announces it: a count is raised
-// while the interpreter lock is still held and lowered once the work has ended. So a call that
-// holds the interpreter lock and finds the count at zero is alone: work that has ended was made
-// visible by the lowering, and none can begin before the call lets go of the interpreter lock,
-// which it does not while it works. All others take the mutex, which nobody ever waits for while
-// holding the interpreter lock: whoever has it may be waiting for that one.
+// Every operation starts with the interpreter lock held. Short work needs no other lock, as long as
+// no thread works on the memory without the interpreter lock. A thread that will do so announces
+// itself: it raises `announced_` while it still holds the interpreter lock, takes the mutex, and
+// lowers `announced_` when it is done. So short work that finds `announced_` at zero is alone:
+// earlier work is visible, because lowering releases it, and none can start, because announcing
+// takes the interpreter lock. Whoever finds it above zero takes the mutex like the others.
+//
+// Nobody waits for the mutex while holding the interpreter lock: its owner may need that to go on.
 #pragma once
 
 #include <atomic>

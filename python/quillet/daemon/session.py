@@ -31,7 +31,7 @@ class Session:
         self._open: dict[Id, asyncio.Task[bytes]] = {}
 
     def receive(self, line: bytes) -> None:
-        """Takes a line, and sooner or later answers it: with None if there is nothing to say."""
+        """Takes a line, and answers it sooner or later, with None where no answer is due."""
         try:
             message = messages.read_message(line)
             if message is None or message.id is None:
@@ -46,7 +46,7 @@ class Session:
             return
         task = asyncio.create_task(self._respond(message.id, message))
         self._open[message.id] = task
-        # Not at the end of what the task does: of one that is cancelled early on, nothing is done.
+        # Not in a `finally` of _respond: a task cancelled before it starts never gets there.
         task.add_done_callback(partial(self._done, message.id))
 
     def _cancel(self, id: object) -> None:

@@ -11,7 +11,7 @@ from queue import SimpleQueue
 from quillet.keeper.ending import Ending
 from quillet.protocol.messages import MAX_MESSAGE_BYTES
 
-MAX_OPEN = 256  # lines that are read and not answered; further ones stay with the client
+MAX_OPEN = 256  # lines read and not answered yet; reading waits when there are so many
 SETTLING_S = 5.0  # how long a cancelled call may go on after the input's end
 WRITING_S = 0.5  # how long an answer that is being written may take when the daemon ends
 
@@ -45,14 +45,14 @@ class StandardStreams:
         threading.Thread(target=self._write, name="writer", daemon=True).start()
 
     def answer(self, line: bytes | None) -> None:
-        """Writes a line sooner or later; nothing for None."""
+        """Queues a line to be written, unless it is None; either way its request is answered."""
         if line is None:
             self._room.release()
         else:
             self._answers.put(line)
 
     def stop(self) -> None:
-        """Lets no further answer be written, and the one that is be whole."""
+        """Lets the answer that is being written finish, and no other one start."""
         self._writing.acquire(timeout=WRITING_S)
 
     def _read(self, receive: Callable[[bytes], None]) -> None:

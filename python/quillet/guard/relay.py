@@ -108,7 +108,7 @@ class Relay:
                 self._tell_client(answer)
 
     def _cancel(self) -> None:
-        """In a thread of its own, as a server that hangs may not read."""
+        """Sends the cancels, in a thread of its own: a server that hangs may not read them."""
         while True:
             self._tell_server(self._cancels.get())
 
@@ -132,7 +132,7 @@ class Relay:
             self._ending.end(1, "the server does not read")
 
     def _hang_up(self) -> None:
-        """Ends the server's input. Its number is not free: a thread may still be writing there."""
+        """Ends the server's input, with the descriptor kept open: a thread may be writing to it."""
         with open(os.devnull, "wb") as nothing:
             os.dup2(nothing.fileno(), self._input)
 

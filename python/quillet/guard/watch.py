@@ -23,7 +23,7 @@ OWN_ENTRY = {
     "annotations": {"readOnlyHint": True, "openWorldHint": False},
 }
 CALLERS_FAULT = (messages.METHOD_NOT_FOUND, messages.INVALID_PARAMS)
-MAX_LATE = 1_000  # answers that are still dropped; a server may never give them
+MAX_LATE = 1_000  # calls given up whose late answers are dropped, should they ever come
 
 
 class Call(NamedTuple):
@@ -51,7 +51,7 @@ class Call(NamedTuple):
 class Watch:
     """Knows the tools that were listed and the calls that are open; reads and writes nothing.
 
-    Any thread may ask it. Whoever takes a call from the open ones ends it, so that happens once.
+    Any thread may use it. The one that removes a call from `_open` ends it, so each ends once.
     """
 
     def __init__(self, tracker: ToolHealthTracker, *, errors_disable: bool) -> None:
@@ -103,7 +103,7 @@ class Watch:
         return line
 
     def expired(self, timeout_s: float) -> list[tuple[bytes, bytes]]:
-        """Gives up what takes too long: the answer of each such call, and what cancels it."""
+        """Gives up calls that take too long; for each, its answer and the line that cancels it."""
         latest = time.perf_counter() - timeout_s
         with self._lock:
             calls = [call for call in self._open.values() if call.began <= latest]
@@ -182,7 +182,7 @@ class Watch:
 
 
 def _read(line: bytes) -> dict[str, Any]:
-    """The message on a line; empty for what is none."""
+    """The line's message; empty if the line is no JSON object."""
     try:
         message = json.loads(line.decode())
     except (ValueError, RecursionError):

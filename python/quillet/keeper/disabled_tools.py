@@ -1,4 +1,4 @@
-"""Asks and reports for calls which tools are disabled, and tells it the log and the agent."""
+"""Refuses calls of disabled tools, records how the others end, and logs what that changes."""
 
 import logging
 import threading
@@ -11,7 +11,7 @@ logger = logging.getLogger(__name__)
 
 
 class DisabledTools:
-    """The tools that the log knows to be disabled, those of an earlier run among them."""
+    """Knows which tools the log has reported as disabled, in an earlier run or in this one."""
 
     def __init__(self, tracker: ToolHealthTracker) -> None:
         self._tracker = tracker
@@ -51,7 +51,7 @@ class DisabledTools:
                 logger.info("%s is enabled again: %s", tool, why)
 
     def _next_try(self, tool: str) -> str | None:
-        """That a disabled tool is tried again, and when; None for another.
+        """When a disabled tool is tried again, in words; None if it is not disabled.
 
         The summary has at most as many records as there are tools, so that looking through it does
         not hold up the event loop.

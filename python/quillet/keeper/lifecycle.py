@@ -26,7 +26,7 @@ def run(options: argparse.Namespace, serve: Serve) -> int:
 
 
 async def _run(options: argparse.Namespace, serve: Serve) -> int:
-    """Nothing in here waits for anything but the loop, so that a signal is served at any time."""
+    """Never blocks: a signal must end it at any time, even while the database is opened."""
     ending = Ending()
     try:
         # Not on the loop's own threads, which it would wait for in the end.

@@ -13,7 +13,7 @@ Id = str | int
 
 
 class ProtocolError(Exception):
-    """What is answered to a message that asks for nothing that there is."""
+    """The error that answers a message which cannot be served."""
 
     def __init__(self, code: int, message: str, data: Any = None, id: Id | None = None) -> None:
         super().__init__(message)
@@ -65,7 +65,7 @@ def error_response(id: Id | None, error: ProtocolError) -> bytes:
 
 
 def line_of(fields: dict[str, Any]) -> bytes:
-    """The line that carries a message with these fields; a ValueError for what JSON has not."""
+    """The line that carries a message with these fields; a ValueError if JSON cannot hold them."""
     return json.dumps({"jsonrpc": "2.0", **fields}, allow_nan=False).encode() + b"\n"
 
 

@@ -6,7 +6,7 @@ from typing import Any
 
 
 def tool_result(content: Any, *, failed: bool) -> dict[str, Any]:
-    """A call's result. What went wrong is one, too: a model can go on from its text."""
+    """A call's result. A failure is one, too, and no protocol error: a model can read its text."""
     content = plain(content)
     words = content if isinstance(content, str) else json.dumps(content)
     result: dict[str, Any] = {"content": [{"type": "text", "text": words}]}

@@ -25,7 +25,7 @@ SERVER = {"name": "quillet", "version": __version__}
 
 
 def is_todays(params: dict[str, Any]) -> bool:
-    """Whether a request is of today's revision; a ProtocolError for one of none there is."""
+    """Whether a request is of today's revision; a ProtocolError if it names an unknown one."""
     meta = params.get("_meta", {})
     if not isinstance(meta, dict):
         raise ProtocolError(INVALID_PARAMS, "_meta must be an object")

@@ -67,7 +67,7 @@ def _files(start: Path) -> Iterator[Path]:
     waiting = [start]
     while waiting:
         path = waiting.pop()
-        if os.path.isfile(path):  # unlike the path's own question, this one never fails
+        if os.path.isfile(path):  # Path.is_file raises for a path that cannot be looked up
             yield path
         else:
             waiting += _entries(path)
