@@ -11,7 +11,7 @@ from types import SimpleNamespace
 import pytest
 from quillet.config import ToolsConfig, read_tools_config
 from quillet.keeper import flusher
-from quillet.keeper.disabled_tools import DisabledTools
+from quillet.keeper.gate import ToolGate
 from quillet.keeper.stored_health import read_stored_health
 from quillet.repository import Repository, database_in
 from quillet.tool_handlers import embedding, files, health
@@ -22,7 +22,7 @@ def test_disabling_and_return_are_told_once(repository, caplog):
     caplog.set_level("INFO")
     tracker, started = health.ToolHealthTracker(repository, ToolsConfig(1, 999)), time.time()
     tracker.record_error("count_lines", "e")
-    told = DisabledTools(tracker)
+    told = ToolGate(tracker)
     for tool in ["read_file"] * 2:
         told.failed(tool, "e")
     for tool in ("count_lines", "count_lines", "status"):

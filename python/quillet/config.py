@@ -6,7 +6,7 @@ from dataclasses import dataclass
 from pathlib import Path
 from typing import Any
 
-from quillet.plain_files import read_plain
+from quillet.regular_files import read_regular_file
 
 
 @dataclass(frozen=True)
@@ -21,7 +21,7 @@ def read_tools_config(path: Path | None) -> ToolsConfig:
     """The settings in a file's [tools] table, if there is one; a ValueError says what is wrong."""
     if not path:
         return ToolsConfig()
-    data, _ = read_plain(path, 100_000)
+    data, _ = read_regular_file(path, 100_000)
     try:
         tables = tomllib.loads(data.decode())
         table = tables.pop("tools", {})

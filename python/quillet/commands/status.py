@@ -11,7 +11,7 @@ from quillet.diagnostics import complain
 from quillet.display import status_text
 from quillet.keeper.next_try import tools_with_next_try
 from quillet.keeper.stored_health import read_stored_health
-from quillet.protocol.results import plain
+from quillet.protocol.results import json_safe
 from quillet.repository import database_in
 
 
@@ -21,7 +21,7 @@ def main(options: argparse.Namespace) -> int:
     for number in (signal.SIGINT, signal.SIGPIPE):
         signal.signal(number, signal.SIG_DFL)
     try:
-        status = plain(_stored_status(options))
+        status = json_safe(_stored_status(options))
     except (OSError, ValueError) as error:
         complain(error)
         return 2

@@ -27,7 +27,7 @@ class Session:
     def __init__(self, pipeline: ToolPipeline, answer: Callable[[bytes | None], None]) -> None:
         self._pipeline = pipeline
         self._answer = answer
-        self._hands_shaken = False
+        self._initialized = False
         self._open: dict[Id, asyncio.Task[bytes]] = {}
 
     def receive(self, line: bytes) -> None:
@@ -75,16 +75,16 @@ class Session:
         todays = revisions.is_todays(params)
         match request.method:
             case "initialize" if not todays:
-                result = revisions.shake_hands(params)
-                self._hands_shaken = True
+                result = revisions.initialize_result(params)
+                self._initialized = True
                 return result
             case "ping" if not todays:
                 return {}
             case "server/discover" if todays:
                 result = revisions.discovery()
-            case "tools/list" if todays or self._hands_shaken:
+            case "tools/list" if todays or self._initialized:
                 result = _tool_list(params)
-            case "tools/call" if todays or self._hands_shaken:
+            case "tools/call" if todays or self._initialized:
                 result = await self._call(params)
             case "server/discover" | "tools/list" | "tools/call":
                 words = f"_meta lacks {revisions.VERSION}, and no hands were shaken"

@@ -7,7 +7,7 @@ from concurrent.futures import ThreadPoolExecutor
 from typing import Any, NamedTuple
 
 from quillet.daemon.tool_calls import ToolCall, UnclearCall, resolve
-from quillet.keeper.disabled_tools import DisabledTools
+from quillet.keeper.gate import ToolGate
 from quillet.keeper.outcome import Outcome
 from quillet.repository import Repository
 from quillet.tool_handlers.context import ToolContext
@@ -34,7 +34,7 @@ class ToolPipeline:
         self, repository: Repository, tracker: ToolHealthTracker, handlers: ThreadPoolExecutor
     ) -> None:
         self._tracker = tracker
-        self._disabled_tools = DisabledTools(tracker)
+        self._gate = ToolGate(tracker)
         self._context = ToolContext(repository.root, tracker, THREAD_BUDGET)
         self._handlers = handlers
 
@@ -47,7 +47,7 @@ class ToolPipeline:
             call = resolve(tool, arguments)
         except UnclearCall as error:
             return Answer(Outcome.INVALID, str(error))
-        refusal = self._disabled_tools.refusal(tool)
+        refusal = self._gate.refusal(tool)
         if refusal:
             return self._ended(call, Outcome.DISABLED, refusal)
         problem = argument_problem(call.handler, call.arguments)
@@ -67,9 +67,9 @@ class ToolPipeline:
         elapsed_ms = (time.perf_counter() - started) * 1000
         get_timing_collector().record(call.tool, elapsed_ms, error=failure is not None)
         if failure is not None:
-            self._disabled_tools.failed(call.tool, failure)
+            self._gate.failed(call.tool, failure)
             return self._ended(call, Outcome.ERROR, failure)
-        self._disabled_tools.succeeded(call.tool)
+        self._gate.succeeded(call.tool)
         return self._ended(call, Outcome.OK, content, elapsed_ms)
 
     def _ended(

@@ -34,18 +34,18 @@ class Relay:
         self._watch, self._ending = watch, ending
         self._to_client, self._to_server = threading.Lock(), threading.Lock()
         self._cancels: SimpleQueue[bytes] = SimpleQueue()
-        self._leaving, self._told_at = False, 0.0
+        self._leaving, self._last_sent_at = False, 0.0
         # A session of its own: Ctrl-C is the guard's, and all that the server starts ends with it.
         self._server = subprocess.Popen(
             [*LAST_WILL, *command], stdin=-1, stdout=-1, start_new_session=True
         )
         assert self._server.stdin and self._server.stdout
         self._input, self._output = self._server.stdin.fileno(), self._server.stdout
-        self._down = self._thread("standard output", self._carry_down)
-        self._thread("standard input", self._carry_up)
+        self._down = self._thread("standard output", self._server_to_client)
+        self._thread("standard input", self._client_to_server)
         if timeout_s is not None:
-            self._thread("timeout", self._give_up, timeout_s)
-            self._thread("cancels", self._cancel)
+            self._thread("timeout", self._expire_calls, timeout_s)
+            self._thread("cancels", self._send_cancels)
 
     def stop(self) -> None:
         """Ends the server, and hands on what it wrote last."""
@@ -67,28 +67,28 @@ class Relay:
         thread.start()
         return thread
 
-    def _carry_up(self) -> None:
+    def _client_to_server(self) -> None:
         os.set_blocking(0, True)
         with open(0, "rb", closefd=False) as source:
             for line in source:
-                answer = self._watch.asked(line)
+                answer = self._watch.from_client(line)
                 if answer:
                     self._tell_client(answer)
                 else:
                     self._tell_server(line)
-        self._leaving, self._told_at = True, time.monotonic()
+        self._leaving, self._last_sent_at = True, time.monotonic()
         self._hang_up()
         while self._down.is_alive() and (
-            self._to_client.locked() or time.monotonic() < self._told_at + SILENT_S
+            self._to_client.locked() or time.monotonic() < self._last_sent_at + SILENT_S
         ):
             self._down.join(TICK_S)
         self._ending.end(0)
 
-    def _carry_down(self) -> None:
+    def _server_to_client(self) -> None:
         os.set_blocking(1, True)
         line = b"\n"
         for line in self._output:
-            self._tell_client(self._watch.answered(line))
+            self._tell_client(self._watch.from_server(line))
         if not self._leaving:
             self._end_server(SILENT_S)
             status = self._server.wait()
@@ -100,14 +100,14 @@ class Relay:
             self._tell_client(answers)
             self._ending.end(status, why)
 
-    def _give_up(self, timeout_s: float) -> None:
+    def _expire_calls(self, timeout_s: float) -> None:
         while True:
             time.sleep(TICK_S)
             for answer, cancel in self._watch.expired(timeout_s):
                 self._cancels.put(cancel)
                 self._tell_client(answer)
 
-    def _cancel(self) -> None:
+    def _send_cancels(self) -> None:
         """Sends the cancels, in a thread of its own: a server that hangs may not read them."""
         while True:
             self._tell_server(self._cancels.get())
@@ -117,7 +117,7 @@ class Relay:
             with self._to_client:
                 while lines:
                     lines = lines[os.write(1, lines) :]
-            self._told_at = time.monotonic()
+            self._last_sent_at = time.monotonic()
         except OSError as error:
             self._ending.end(1, f"standard output: {error}")
 

@@ -7,7 +7,7 @@ from collections import deque
 from contextlib import suppress
 from typing import Any, NamedTuple
 
-from quillet.keeper.disabled_tools import DisabledTools
+from quillet.keeper.gate import ToolGate
 from quillet.keeper.next_try import tools_with_next_try
 from quillet.keeper.outcome import Outcome
 from quillet.protocol import messages, revisions
@@ -56,7 +56,7 @@ class Watch:
 
     def __init__(self, tracker: ToolHealthTracker, *, errors_disable: bool) -> None:
         self._tracker = tracker
-        self._disabled_tools = DisabledTools(tracker)
+        self._gate = ToolGate(tracker)
         self._errors_disable = errors_disable
         self._lock = threading.Lock()
         # The tools that were listed, be it in an earlier run, with their actions.
@@ -66,7 +66,7 @@ class Watch:
         self._open: dict[Any, Call] = {}
         self._late: deque[Any] = deque(maxlen=MAX_LATE)
 
-    def asked(self, line: bytes) -> bytes | None:
+    def from_client(self, line: bytes) -> bytes | None:
         """What the client gets in the server's stead; None for what goes on to the server."""
         message = _read(line)
         match message.get("method"), message.get("id"), message.get("params"):
@@ -81,7 +81,7 @@ class Watch:
                 return self._begin(id, tool, message["params"])
         return None
 
-    def answered(self, line: bytes) -> bytes:
+    def from_server(self, line: bytes) -> bytes:
         """What the client gets for a line of the server's: nothing for an answer too late."""
         if not (self._open or self._lists or self._late):
             return line
@@ -131,7 +131,7 @@ class Watch:
         todays = isinstance(meta, dict) and revisions.VERSION in meta
         call = Call(id, tool, action if known else None, todays, time.perf_counter())
         if tool in self._tools:
-            refusal = self._disabled_tools.refusal(tool)
+            refusal = self._gate.refusal(tool)
             if refusal:
                 self._count(call, Outcome.DISABLED)
                 return call.answer(refusal, failed=True)
@@ -152,17 +152,17 @@ class Watch:
             case {"result": {"resultType": "input_required"}}:
                 pass  # the client will call again, with what the server needs to know
             case {"result": {"isError": True}} if not self._errors_disable:
-                self._disabled_tools.succeeded(call.tool)
+                self._gate.succeeded(call.tool)
                 self._count(call, Outcome.ERROR)
             case {"error": failure} | {"result": {"isError": True} as failure}:
                 self._fail(call, _words(failure))
             case _:
-                self._disabled_tools.succeeded(call.tool)
+                self._gate.succeeded(call.tool)
                 self._count(call, Outcome.OK, (time.perf_counter() - call.began) * 1000)
 
     def _fail(self, call: Call, why: str) -> bytes:
         """Records a failure of the tool; returns the answer that tells of it."""
-        self._disabled_tools.failed(call.tool, why)
+        self._gate.failed(call.tool, why)
         self._count(call, Outcome.ERROR)
         return call.answer(why, failed=True)
 

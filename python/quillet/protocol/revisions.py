@@ -54,7 +54,7 @@ def todays_result(result: dict[str, Any], *, cacheable: bool) -> dict[str, Any]:
     return {"resultType": "complete", "_meta": {SERVER_INFO: SERVER}, **caching, **result}
 
 
-def shake_hands(params: dict[str, Any]) -> dict[str, Any]:
+def initialize_result(params: dict[str, Any]) -> dict[str, Any]:
     """The answer to `initialize`: the version asked for if there is one, else the latest."""
     for name, kind in {"protocolVersion": str, "capabilities": dict, "clientInfo": dict}.items():
         if not isinstance(params.get(name), kind):

@@ -7,7 +7,7 @@ from itertools import islice
 from pathlib import Path
 from typing import Annotated, Any
 
-from quillet.plain_files import read_plain
+from quillet.regular_files import read_regular_file
 from quillet.repository import OWN_FOLDER
 from quillet.tool_handlers.context import ToolContext
 
@@ -99,7 +99,7 @@ def _refuse_outside(root: Path, found: Path, path: object) -> None:
 
 
 def _read_lines(root: Path, file: Path) -> list[str]:
-    data, place = read_plain(file, MAX_FILE_BYTES)
+    data, place = read_regular_file(file, MAX_FILE_BYTES)
     _refuse_outside(root, place, file.name)
     if b"\0" in data:
         raise ValueError(f"{file.name} is not a text file")

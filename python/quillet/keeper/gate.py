@@ -4,13 +4,13 @@ import logging
 import threading
 
 from quillet.keeper.next_try import AT_ONCE, next_try_text
-from quillet.protocol.results import plain
+from quillet.protocol.results import json_safe
 from quillet.tool_handlers.health import ToolHealthTracker
 
 logger = logging.getLogger(__name__)
 
 
-class DisabledTools:
+class ToolGate:
     """Knows which tools the log has reported as disabled, in an earlier run or in this one."""
 
     def __init__(self, tracker: ToolHealthTracker) -> None:
@@ -25,7 +25,7 @@ class DisabledTools:
         if not disabled:
             self._is_back(tool, "its cooldown has passed")
             return None
-        error = "unknown" if last_error is None else plain(last_error)
+        error = "unknown" if last_error is None else json_safe(last_error)
         again = self._next_try(tool) or AT_ONCE
         return f"{tool} kept failing and is disabled; {again}; last error: {error}"
 

@@ -5,7 +5,7 @@ import stat
 from pathlib import Path
 
 
-def read_plain(path: Path, limit: int) -> tuple[bytes, Path]:
+def read_regular_file(path: Path, limit: int) -> tuple[bytes, Path]:
     """A file's content, and where it really is, links followed.
 
     Opened first and checked then: a file checked by its name could be swapped before it is opened.
