@@ -9,8 +9,6 @@ from functools import cache
 from statistics import median
 from typing import Any
 
-import psutil
-
 from contenders import CONTENDERS, MemoryDb
 from figures import Figure
 from timing import interleaved
@@ -76,7 +74,8 @@ def _weight(name: str, subject: str, texts: str) -> float:
 def _private_bytes() -> int:
     gc.collect()
     ctypes.CDLL(None).malloc_trim(0)
-    return psutil.Process().memory_full_info().uss
+    with open("/proc/self/smaps_rollup") as sizes:  # in kilobytes
+        return sum(int(line.split()[1]) * 1024 for line in sizes if line.startswith("Private_"))
 
 
 if __name__ == "__main__":
