@@ -43,6 +43,9 @@ def test_a_registry_that_lacks_a_module_of_its_own_says_which(tmp_path, nowhere,
     monkeypatch.delitem(sys.modules, "quillet.tool_registry")
     with pytest.raises(ModuleNotFoundError, match="^No module named 'quillet.something_else'"):
         health._known("a", None)
+    (tmp_path / "tool_registry.py").write_text("1 / 0  # no AttributeError hides it")
+    with pytest.raises(ZeroDivisionError):
+        health.TOOLS
 
 
 def test_the_daemons_objects_are_attributes_of_the_module(monkeypatch):

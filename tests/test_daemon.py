@@ -47,7 +47,19 @@ def test_a_failed_flush_is_told_and_tried_again(repository, caplog, monkeypatch)
         repository.db.failures.clear()
         while tracker.has_unsaved_changes:
             time.sleep(0.001)
+        for _ in range(2):
+            since = periodic.saved_at
+            while periodic.saved_at == since:  # also while nothing changes
+                time.sleep(0.001)
     assert periodic.saved and failed_at < periodic.saved_at <= time.time()
+
+
+def test_a_last_flush_that_takes_too_long_is_told(monkeypatch):
+    monkeypatch.setattr(flusher, "LAST_FLUSH_S", 0.01)
+    over = threading.Event()
+    with flusher.Flusher(SimpleNamespace(has_unsaved_changes=True, flush=over.wait)) as last:
+        pass
+    assert not last.saved and over.set() is None
 
 
 def test_a_failed_write_leaves_nothing_behind(repository):
@@ -120,6 +132,11 @@ def test_no_link_is_followed_and_no_pipe_waited_for(root, name, target):
     refused(root, f"{name} is not a plain file")
 
 
+def test_a_start_waits_for_a_daemon_that_is_just_ending(tmp_path):
+    threading.Timer(0.2, Repository(tmp_path).db.close).start()
+    Repository(tmp_path).db.close()
+
+
 def test_neither_folder_nor_journal_leads_elsewhere(root):
     own = root / ".quillet"
     (own / "quillet.db").touch()
@@ -148,9 +165,10 @@ def test_no_code_of_the_database_runs(root, code):
 def test_only_what_is_served_is_read(root, monkeypatch):
     here, refusal = SimpleNamespace(root=root), "is not among the repository's files"
     (root / "out").symlink_to(root.parent)
-    (root / "a").write_text("text\n")
+    (root / "a").write_text("text\n" * 101)
     (root / ".quillet" / "a").write_text("text\n")
-    assert [match["path"] for match in files.search_text(here, "text")["matches"]] == ["a"]
+    found = files.search_text(here, "text")
+    assert [match["path"] for match in found["matches"]] == ["a"] * 100 and found["more"]
     for path in ("../file", f"{root.parent}/file", "out/file", ".quillet/a", "../" + "x" * 10**5):
         with pytest.raises(PermissionError, match=refusal):
             files.read_file(here, path)

@@ -33,7 +33,7 @@ TOOLS = [{"name": "a", "inputSchema": {"properties": {"action": {"enum": ["x"]}}
 OK, FAILED = {"result": {"content": []}}, {"error": {"code": -32000, "message": "it broke"}}
 IS_ERROR = {"result": {"isError": True, "content": [{"type": "text", "text": "no file"}]}}
 ASKS, INVALID = {"result": {"resultType": "input_required"}}, {"error": {"code": -32602}}
-ALL = [OK, FAILED, INVALID, ASKS, OK, FAILED, IS_ERROR]
+ALL = [OK, FAILED, INVALID, {"error": {"code": -32601}}, ASKS, OK, FAILED, IS_ERROR]
 
 
 def around(folder):
@@ -83,6 +83,9 @@ def test_what_it_does_not_know_passes_as_it_came(guard, tmp_path):
         answer = f'"params": {{"answer": {{"result": {{"tools": [], {more}}}}}}}'
         client.send(f'{{"id": 1, "method": "tools/list", {answer}}}\n'.encode())
         assert client.receive()["result"] == json.loads(f'{{"tools": [], {more}}}')
+    client.request("tools/call", {"name": "a", "arguments": {"answer": FAILED | {"id": 7.0}}}, id=7)
+    assert client.receive()["error"] and client.end() == 0
+    assert recorded(tmp_path)[0] == 1  # of an earlier page, and whatever the form of its id
 
 
 @pytest.mark.parametrize("mode", ["failures", "errors"])
@@ -90,14 +93,14 @@ def test_what_counts_as_an_error_and_for_how_long(guard, tmp_path, mode):
     client, lenient = guard("--disable-on", mode), mode == "failures"
     for action in ("x", ["x"]):
         assert client.call("a", {"answer": OK, "action": action}) == OK["result"]
-    for answer in [*ALL, FAILED, FAILED][: 9 if lenient else 7]:
+    for answer in [*ALL, FAILED, FAILED][: 10 if lenient else 8]:
         assert client.call("a", {"answer": answer}) == (answer.get("result") or answer["error"])
     disabled, last_error = client.call("a"), "it broke" if lenient else "no file"
     assert disabled["isError"] and disabled["resultType"] == "complete"
     told = disabled["content"][0]["text"]
     assert told.startswith("a kept failing and is disabled; it is tried again at ")
     assert told.endswith(f"last error: {last_error}") and client.end() == 0
-    usage = {("x", "ok"): 1, (None, "ok"): 3, (None, "invalid"): 1, (None, "disabled"): 1}
+    usage = {("x", "ok"): 1, (None, "ok"): 3, (None, "invalid"): 2, (None, "disabled"): 1}
     usage[None, "error"] = 5 if lenient else 3
     assert recorded(tmp_path) == (4 if lenient else 3, last_error, usage)
     again = guard(tools=None)  # the history says which tools there are
@@ -121,6 +124,13 @@ def test_a_call_that_takes_too_long_is_given_up_and_cancelled(guard, tmp_path):
     assert client.receive()["told"] and client.receive()["id"] == "mine" and client.end() == 0
     counts = {(None, outcome): 1 for outcome in ("ok", "error", "cancelled")}
     assert recorded(tmp_path) == (1, words, counts)
+
+
+def test_a_server_that_reads_no_more_holds_up_no_answer(guard):
+    client = guard("--timeout", "0.3")
+    for arguments in ({"sleep": 9}, {"x": "x" * 200_000}):
+        client.request("tools/call", {"name": "a", "arguments": arguments})
+    assert [client.receive(6)["result"]["isError"] for _ in range(2)] == [True] * 2
 
 
 @pytest.mark.parametrize(("number", "status"), [(0, 7), (signal.SIGKILL, 137)])

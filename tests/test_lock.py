@@ -20,7 +20,7 @@ def signalled():
 
     def signalled(handler):
         signal.signal(signal.SIGUSR1, lambda *_: handler())
-        timers.append(threading.Timer(0.05, os.kill, (os.getpid(), signal.SIGUSR1)))
+        timers.append(threading.Timer(0.15, os.kill, (os.getpid(), signal.SIGUSR1)))
         timers[-1].start()
 
     yield signalled

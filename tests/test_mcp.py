@@ -21,6 +21,8 @@ SERVE = [sys.executable, "-P", "-m", "quillet", "serve"]
 TOOLS = """
 import logging, os, runpy, sys, threading, time
 from quillet import tool_registry
+from quillet.daemon import streams
+streams.SETTLING_S = 1
 class Silent(Exception):
     def __str__(self): raise SystemExit(1)
 def hang(context): threading.Event().wait()
@@ -204,15 +206,32 @@ def test_a_signal_ends_it_with_all_saved_that_was_answered(start, tmp_path, name
     assert counts(tmp_path) == {"read_file": 1} and client.daemon.stderr.read() == b""
 
 
-def test_unread_answers_hold_up_no_end(start, tmp_path):
+def test_a_signal_ends_a_start_that_waits(start, tmp_path):
     start().end()
-    with subprocess.Popen([*SERVE, "--repository", tmp_path], stdin=-1, stdout=-1) as daemon:
+    with closing(sqlite3.connect(tmp_path / ".quillet/quillet.db", isolation_level=None)) as other:
+        other.execute("PRAGMA journal_mode = DELETE")
+        other.execute("BEGIN EXCLUSIVE")
+        client = start()
+        time.sleep(1)
+        client.daemon.terminate()
+        assert client.daemon.wait(5) == 143
+
+
+def test_unread_answers_hold_up_no_end(start, tmp_path):
+    client = start()
+    client.request("tools/call", {"name": "count_lines"})
+    assert client.end() == 0 and client.receive()["result"]  # a lone call's
+    reader, writer = os.pipe()
+    os.set_blocking(writer, False)  # as some clients leave it
+    with subprocess.Popen([*SERVE, "--repository", tmp_path], stdin=-1, stdout=writer) as daemon:
+        os.close(writer)
         daemon.stdin.write(reads(200))
         daemon.stdin.flush()
         time.sleep(0.7)
         daemon.terminate()
         assert daemon.wait(5) == 143
-        answered = daemon.stdout.read().count(b'"result"')
+    with open(reader, "rb") as answers:
+        answered = answers.read().count(b'"result"')
     assert 0 < answered <= counts(tmp_path)["read_file"]
 
 
@@ -220,14 +239,16 @@ def test_whatever_a_handler_does_is_its_tools_error(start, tmp_path):
     client = start(WITH_TOOLS)
     for tool in ["leave", "silent"] * 5:
         assert client.call(tool)["isError"]
-    assert client.call("leave")["content"][0]["text"].endswith("error: SystemExit: \x1b[2J")
+    assert client.call("leave", {"x": 1})["content"][0]["text"].endswith("error: SystemExit: \x1b[2J")
     assert client.call("chatty")["content"][0]["text"] == "null"
     assert client.call("slow")["content"][0]["text"] == r'[null, "\\xff"]'
     assert client.call("wrong")["code"] == -32603
+    stats = client.call("get_tool_performance_stats")["structuredContent"]["tools"]
+    assert {tool["name"]: tool["errors"] for tool in stats}["silent"] == 5
     assert client.end() == 0
     said = client.daemon.stderr.read()
     assert b"\x1b" not in said and {b"no message", b"nor this", b"0"} <= {*said.splitlines()}
-    assert counts(tmp_path) == dict(leave=5, silent=5, chatty=1, slow=1, wrong=1)
+    assert counts(tmp_path) == {"leave": 5, "silent": 5, "chatty": 1, "slow": 1, "wrong": 1, "get_tool_performance_stats": 1}
 
 
 def test_calls_run_side_by_side_and_are_cancelled(start, tmp_path):
@@ -241,9 +262,13 @@ def test_calls_run_side_by_side_and_are_cancelled(start, tmp_path):
     answers = [client.receive() for _ in range(3)]
     assert answers[0]["error"]["code"] == -32600
     assert [(answer["id"], "result" in answer) for answer in answers[1:]] == [(1, True), (0, True)]
-    client.request("tools/call", {"name": "slow"}, id=2)
+    again = line_of(CALL | {"id": 2, "params": META | {"name": "slow"}})
+    cancel = line_of({"method": "notifications/cancelled", "params": {"requestId": 2}})
+    client.send(again + cancel + again)
+    client.request("tools/call", {"name": "hang"}, id=3)
     time.sleep(0.2)
     client.cancel(2)  # it is counted all the same
+    client.cancel(3)  # and this one is not waited for for ever
     assert client.end() == 0
     assert counts(tmp_path) | {"count_lines": 0} == {"count_lines": 0, "slow": 2, "status": 1}
     with pytest.raises(EOFError):

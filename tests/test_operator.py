@@ -55,7 +55,9 @@ def test_the_status_shows_all_that_is_stored_and_leaves_it_alone(folder):
 
     own, killed = folder / ".quillet", folder / "killed"
     with Repository(folder) as running:
-        running.db.execute("UPDATE tool_health SET call_count = 6 WHERE error_count = 1", ())
+        blobs = "last_error = x'ff', call_count = 6 WHERE error_count = 1"
+        running.db.execute(f"UPDATE tool_health SET {blobs}", ())
+        running.db.execute("UPDATE tool_health SET call_count = 1, disabled_at = x'30' WHERE error_count = 0", ())
         shutil.copytree(own, killed)  # as a daemon leaves it that is killed
     read, embed = status(killed, 90)
     assert (read["tried_again_at"], read["tried_again_in_s"]) == ("2023-11-14 22:14:51", 0)
@@ -130,6 +132,7 @@ def test_the_commands_of_operations_do_what_it_says(folder):
     assert refused.returncode == 2 and told in refused.stderr
     run(enable + forget)
     assert quillet("serve", input="", cwd=folder).returncode == 0
+    assert not (folder / ".quillet/quillet.db-wal").exists()  # the file alone is a whole copy
     assert run(check) == ""
     with Repository(folder) as repository:
         tracker = ToolHealthTracker(repository, ToolsConfig(1))
@@ -147,5 +150,6 @@ def test_the_commands_of_operations_do_what_it_says(folder):
     with closing(sqlite3.connect(folder / "copy.db")) as db:
         assert [(1,)] == db.execute("SELECT count(*) FROM tool_health WHERE disabled_at").fetchall()
     collector = ToolHealthCollector(tracker, SimpleNamespace(saved_at=0, saved=False))
-    names = {sample.name for metric in collector.collect() for sample in metric.samples}
-    assert set(re.findall("tool_health_\\w+", snippets(PAGE, "yaml")[0])) <= names
+    samples = {s.name: s.value for metric in collector.collect() for s in metric.samples}
+    assert samples["tool_health_flush_failed"] == 1
+    assert set(re.findall("tool_health_\\w+", snippets(PAGE, "yaml")[0])) <= samples.keys()

@@ -24,6 +24,7 @@ WRONG = [
     ("record_call", ("a", None, None), NAMED, "'outcome' must be str, not None"),
     ("record_call", ("a", None, "ok"), {**NAMED, "alias_hit": 1}, "'alias_hit' must be bool"),
     ("record_call", ("a", None, "ok"), {**NAMED, "duration_ms": "1"}, "a number or None, not str"),
+    ("record_call", ("a", None, "ok"), {"alias_hit": True, "duration": 1}, "'duration_ms'"),
     ("record_success", ("a", "b"), {}, r"takes at most 1 argument \(2 given\)"),
     ("record_error", ("a", ValueError("e")), {}, "'error' must be str or None, not ValueError"),
     ("is_disabled", ("a",), {"tool_name": "a"}, "2 given"),
@@ -51,6 +52,9 @@ def test_arguments_may_be_named():
     with pytest.raises(OverflowError):
         call(t, duration_ms=10**400)
     assert t._usage[("a", None, "ok", True)].calls == 1
+    for kind in (type("Odd", (str,), {"__hash__": lambda self: 7}), str):
+        t.record_success(kind("".join(["o", "dd"])))
+    assert t._state["odd"].call_count == 2  # however its class hashes
 
 
 def test_settings_are_those_given_and_read_when_they_are_needed():
