@@ -18,8 +18,17 @@ def nowhere(monkeypatch):
         monkeypatch.setitem(sys.modules, f"quillet.{module}", None)
 
 
+class Interrupted:
+    def __getattr__(self, name):
+        raise KeyboardInterrupt
+
+
 def test_what_is_nowhere_is_named(repository, tracker, nowhere, monkeypatch, caplog):
     t = tracker()
+    assert t.get_health_summary() == []  # there is nothing to ask about
+    with mock.patch.dict(sys.modules, {"quillet.tool_schemas": Interrupted()}):
+        with pytest.raises(KeyboardInterrupt):
+            t.get_health_summary()
     with pytest.raises(ImportError, match="quillet.config"):
         health.ToolHealthTracker(repository)
     t.record_success("a")

@@ -22,16 +22,13 @@ inline bool registry_knows(const Names& names, const Ref& tools, PyObject* tool,
            (action == Py_None || !spec.method(names[Name::action], action).is_none());
 }
 
-// Reads from the database and returns whether that worked. An error is logged as the argument of
-// `message`, a warning; what is not an Exception is passed on.
+// Reads from the database and returns whether that worked. An Exception is logged as the argument
+// of `message`, a warning.
 template <class Read>
 bool read_or_log(const ModuleState& module, const char* message, Read&& read) {
-    const auto error = error_of(read);
+    const auto error = exception_of(read);
     if (error == nullptr) {
         return true;
-    }
-    if (PyErr_GivenExceptionMatches(error, PyExc_Exception) == 0) {
-        raise_again(error);
     }
     const auto logger = shared(module.module).attribute(module.names[Name::logger]);
     logger.method(module.names[Name::warning], to_python(std::string_view(message)), error);

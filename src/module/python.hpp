@@ -217,6 +217,16 @@ Ref error_of(Work&& work) {
     return succeeds(work) ? Ref() : take_error();
 }
 
+// The same for an Exception; any other error, such as an interrupt, is passed on.
+template <class Work>
+Ref exception_of(Work&& work) {
+    auto error = error_of(work);
+    if (error != nullptr && PyErr_GivenExceptionMatches(error, PyExc_Exception) == 0) {
+        raise_again(error);
+    }
+    return error;
+}
+
 // Runs a body that returns a Ref where the interpreter expects a new reference or an error.
 template <class Body>
 PyObject* guarded(Body&& body) {

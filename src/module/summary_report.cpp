@@ -34,17 +34,27 @@ Ref make_map(const Names& names, std::initializer_list<std::pair<Name, Ref>> ite
     return map;
 }
 
-// Asks for every row whether its call is slow by nature.
-void ask_for_slow_calls(std::vector<ToolSummary>& tools, const Ref& is_slow_call) {
-    Pacer pacer;
-    for (auto& tool : tools) {
-        const auto name = to_python(tool.health.tool);
-        for (auto& row : tool.usage) {
-            row.slow = truth(is_slow_call(name, to_python(row.key->action)));
-            pacer.step();
+// Asks the daemon which calls are slow by nature.
+class SlowCalls {
+public:
+    // Before the lock is taken: importing what is asked runs Python at length.
+    explicit SlowCalls(const ModuleState& module)
+        : not_found_(exception_of([&] { is_slow_call_ = find(module, kIsSlowCall); })) {}
+
+    // About the rows of one tool. That there is nobody to ask matters only here.
+    void ask(std::vector<UsageRow>& rows) {
+        for (auto& row : rows) {
+            raise_if(not_found_);
+            row.slow = truth(is_slow_call_(to_python(row.key->tool), to_python(row.key->action)));
+            pacer_.step();
         }
     }
-}
+
+private:
+    Ref is_slow_call_;
+    Ref not_found_;
+    Pacer pacer_;
+};
 
 Ref answer(const Names& names, const UsageRow& row) {
     return make_map(names, {{Name::action, to_python(row.key->action)},
@@ -73,11 +83,12 @@ Ref answer(const Names& names, const ToolSummary& tool, Pacer& pacer) {
 }
 
 Ref get_health_summary(Tracker& tracker) {
-    // Before the lock is taken: importing it runs Python at length.
-    const auto is_slow_call = find(tracker.module, kIsSlowCall);
+    SlowCalls slow_calls(tracker.module);
     auto tools = tracker.health.run_calling_python([&](const Health& health) {
         auto gathered = aside([&] { return summarize(health.states, health.usage); });
-        ask_for_slow_calls(gathered, is_slow_call);
+        for (auto& tool : gathered) {
+            slow_calls.ask(tool.usage);
+        }
         return gathered;
     });
     aside([&] {
