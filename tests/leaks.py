@@ -6,6 +6,7 @@ import sys
 from contextlib import suppress
 from random import Random
 from types import SimpleNamespace
+from unittest import mock
 
 import pytest
 from conftest import Stored
@@ -15,6 +16,11 @@ from test_status_reports import KEYS, census
 from test_tracker import WRONG
 
 LIVES = 10
+
+
+class Odd:
+    __hash__ = lambda self: hash("TOOLS")  # noqa: E731
+    __eq__ = lambda *_: 1 / 0  # noqa: E731
 
 
 def attempt(operation, *args, **kwargs):
@@ -55,6 +61,12 @@ def make_mistakes(_):
     attempt(health.ToolHealthTracker, Stored(), None)
     attempt(health.ToolHealthTracker.__new__(health.ToolHealthTracker).record_error, "a", "e")
     attempt(getattr, health, "weather")
+    with mock.patch.dict(vars(health)):
+        del health.TOOLS
+        vars(health)[Odd()] = 1
+        attempt(
+            health._known, "a", None
+        )  # which this interpreter ends if it goes on with the error
 
 
 def growth(operation):

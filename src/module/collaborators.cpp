@@ -48,7 +48,13 @@ Ref module_attribute(const ModuleState& module, PyObject* name) {
 Ref find(const ModuleState& module, const Collaborator& collaborator) {
     PyObject* own =
         PyDict_GetItemWithError(PyModule_GetDict(module.module), module.names[collaborator.name]);
-    return own != nullptr ? shared(own) : import_from_home(module, collaborator);
+    if (own != nullptr) {
+        return shared(own);
+    }
+    if (PyErr_Occurred() != nullptr) {  // of a key that cannot be compared
+        throw PythonError();
+    }
+    return import_from_home(module, collaborator);
 }
 
 Methods collaborator_functions() {
