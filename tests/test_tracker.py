@@ -4,6 +4,9 @@ import copy
 import gc
 import inspect
 import json
+import os
+import subprocess
+import sys
 import time
 import weakref
 from contextlib import suppress
@@ -129,6 +132,37 @@ def test_a_flush_looks_at_what_changed_alone():
     for number in range(100_000):
         many.record_success(str(number))
     assert min(map(took, [many] * 50)) < 10 * min(map(took, [few] * 50))
+
+
+SHORT_OF_MEMORY = """
+import resource, threading
+from unittest import mock
+from quillet.tool_handlers import health
+db = mock.Mock(fetchall=lambda sql: [], fetchone=lambda *_: None, executemany=lambda *_: None)
+t = health.ToolHealthTracker(mock.Mock(db=db), 1)
+for number in range(200_000):
+    t.record_success(str(number))
+def work(operation):
+    try:
+        operation()
+    except MemoryError:
+        print("MemoryError")
+with open("/proc/self/statm") as pages:
+    in_use = int(pages.read().split()[0]) * resource.getpagesize()
+resource.setrlimit(resource.RLIMIT_AS, (in_use + 60_000_000, -1))
+for operation in (t.get_health_summary, lambda: t._state, t._flush_health):
+    thread = threading.Thread(target=work, args=[operation])
+    thread.start()
+    thread.join()
+resource.setrlimit(resource.RLIMIT_AS, (-1, -1))
+assert len(t._dirty) == 200_000
+"""
+
+
+@pytest.mark.skipif("LD_PRELOAD" in os.environ, reason="a sanitizer takes addresses of its own")
+def test_memory_that_runs_out_in_a_new_thread_is_its_error_alone():
+    run = subprocess.run([sys.executable, "-c", SHORT_OF_MEMORY], capture_output=True, text=True)
+    assert (run.returncode, run.stdout, run.stderr) == (0, 3 * "MemoryError\n", "")
 
 
 @pytest.mark.parametrize("operation", ["fetchall", "fetchone"])

@@ -15,7 +15,9 @@ namespace health {
 // flight.
 class GilRelease {
 public:
-    GilRelease() = default;
+    // A thread's first throw allocates what C++ keeps for the thread, and the process is aborted
+    // where memory has run out by then. So it is asked for here, before any work that takes much.
+    GilRelease() { [[maybe_unused]] const volatile int count = std::uncaught_exceptions(); }
     ~GilRelease() noexcept(false) { take_back(); }
     GilRelease(const GilRelease&) = delete;
     GilRelease& operator=(const GilRelease&) = delete;
