@@ -64,21 +64,24 @@ auto bind(const Names& names, PyObject* const* given, std::size_t positional, Py
     constexpr auto kSize = kSignature.parameters.size();
     const auto named =
         keywords == nullptr ? 0 : static_cast<std::size_t>(PyTuple_GET_SIZE(keywords));
-    bool complete = positional <= kSignature.positional && positional + named == kSize;
-    std::array<PyObject*, kSize> bound{};
-    std::copy_n(given, complete ? positional : 0, bound.begin());
-    for (std::size_t i = 0; complete && i < named; ++i) {
-        PyObject* keyword = PyTuple_GET_ITEM(keywords, i);
-        auto place = positional;
-        while (place < kSize && names[kSignature.parameters[place]] != keyword) {
-            ++place;
-        }
-        complete = place < kSize;
-        if (complete) {
-            bound[place] = given[positional + i];
-        }
+    if (positional > kSignature.positional || positional + named != kSize) {
+        return parse(kSignature, given, positional, named, keywords);
     }
-    return complete ? bound : parse(kSignature, given, positional, named, keywords);
+    std::array<PyObject*, kSize> bound{};
+    // One by one: they were stored so just before, and a wider read would have to wait for that.
+    for (std::size_t i = 0; i < kSize; ++i) {
+        bound[i] = *static_cast<PyObject* const volatile*>(given + i);
+    }
+    for (std::size_t i = 0; i < named; ++i) {
+        auto place = positional;
+        while (names[kSignature.parameters[place]] != PyTuple_GET_ITEM(keywords, i)) {
+            if (++place == kSize) {
+                return parse(kSignature, given, positional, named, keywords);
+            }
+        }
+        bound[place] = given[positional + i];
+    }
+    return bound;
 }
 
 // Raises the TypeError of an argument that is not what it must be.
