@@ -25,6 +25,7 @@ STEPS = {
     "record_call": lambda t: t.record_call("a", "\udcff", "ok", alias_hit=True, duration_ms=1),
     "flush": lambda t: t.flush(),
     "get_health_summary": lambda t: t.get_health_summary(),
+    "_usage_rows": lambda t: t._usage_rows("a"),
     "views": lambda t: (t._state, t._usage, t._dirty, t._usage_dirty, t.has_unsaved_changes),
     "start": lambda t: type(t)(t._repo, t.limits),
 }

@@ -25,7 +25,7 @@ class Interrupted:
 
 def test_what_is_nowhere_is_named(repository, tracker, nowhere, monkeypatch, caplog):
     t = tracker()
-    assert t.get_health_summary() == []  # there is nothing to ask about
+    assert t.get_health_summary() == t._usage_rows("a") == []  # there is nothing to ask about
     with mock.patch.dict(sys.modules, {"quillet.tool_schemas": Interrupted()}):
         with pytest.raises(KeyboardInterrupt):
             t.get_health_summary()
@@ -33,8 +33,10 @@ def test_what_is_nowhere_is_named(repository, tracker, nowhere, monkeypatch, cap
         health.ToolHealthTracker(repository)
     t.record_success("a")
     call(t)
-    with pytest.raises(ImportError, match="quillet.tool_schemas"):
-        t.get_health_summary()
+    for question in (t.get_health_summary, lambda: t._usage_rows("a")):
+        with pytest.raises(ImportError, match="quillet.tool_schemas"):
+            question()
+    assert t._usage_rows("b") == []
     t.flush()
     # An unfound registry is not an empty one: nothing is deleted, nothing dropped.
     with pytest.raises(ImportError, match="quillet.tool_registry"):

@@ -21,11 +21,12 @@ from quillet.tool_handlers import health
 ENTRIES = 20_000
 
 
-def full_tracker():
+def full_tracker(only=None):
+    """Of many tools, or of one with many outcomes."""
     tracker = health.ToolHealthTracker(Stored())
     for number in range(ENTRIES):
         tracker.record_success(f"tool {number}")
-        call(tracker, f"tool {number}")
+        call(tracker, only or f"tool {number}", None, f"outcome {number}")
     return tracker
 
 
@@ -74,10 +75,11 @@ def in_turns(other, work):
     return False
 
 
-@pytest.mark.parametrize("operation", ["_flush_health", "get_health_summary"])
+@pytest.mark.parametrize("operation", ["_flush_health", "get_health_summary", "_usage_rows"])
 def test_a_flush_and_a_summary_build_in_turns(other, operation, monkeypatch):
     monkeypatch.setattr(health, "is_slow_call", lambda *_: other.mark())
-    assert in_turns(other, lambda: getattr(full_tracker(), operation)())
+    one = ["one"] * (operation == "_usage_rows")
+    assert in_turns(other, lambda: getattr(full_tracker(*one), operation)(*one))
 
 
 def test_a_lone_call_lets_nobody_in(other):

@@ -96,7 +96,7 @@ class Life:
         outcomes = []
         for tracker in self.trackers:
             try:
-                outcomes.append(getattr(tracker, operation)(*args, **kwargs))
+                outcomes.append(repr(getattr(tracker, operation)(*args, **kwargs)))
             except (RuntimeError, KeyboardInterrupt) as error:
                 outcomes.append(error)
         assert outcomes[0] == outcomes[1]
@@ -119,6 +119,9 @@ class Life:
         call = self.choice(self.tools), self.choice(self.actions), self.choice(["ok", "\udcff"])
         hit, duration_ms = self.choice([False, True]), self.choice(self.durations)
         self.both("record_call", *call, alias_hit=hit, duration_ms=duration_ms)
+
+    def look(self):
+        self.both("_usage_rows", self.choice(self.tools))
 
     def flush(self):
         self.let_fail(self.choice([None, "executemany", "execute"]), self.choice(FAILURES))
@@ -159,7 +162,8 @@ def memory(tracker):
     )
 
 
-OPERATIONS = 4 * [Life.fail, Life.count] + 3 * [Life.ask] + [Life.succeed, Life.flush, Life.restart]
+RARE = [Life.succeed, Life.look, Life.flush, Life.restart]
+OPERATIONS = 4 * [Life.fail, Life.count] + 3 * [Life.ask] + RARE
 
 
 # Any smaller seed is another life, so none is looked for. Of a wider range, mostly small ones

@@ -24,6 +24,7 @@ def test_a_call_from_within_is_refused(tracker, monkeypatch):
     call(t)
     operations = [lambda: t.record_success("a"), lambda: t.is_disabled("a"), lambda: call(t)]
     operations += [t.get_health_summary, t.flush, lambda: t.has_unsaved_changes]
+    operations.append(lambda: t._usage_rows("a"))
 
     def is_slow_call(tool, action):
         for operation in operations:
@@ -34,9 +35,12 @@ def test_a_call_from_within_is_refused(tracker, monkeypatch):
         return 1 / 0
 
     monkeypatch.setattr(health, "is_slow_call", is_slow_call)
-    with pytest.raises(ZeroDivisionError):
-        t.get_health_summary()
-    assert len(refused) == 6 and t.flush() == 1 and t._state == {}
+    for question in (t.get_health_summary, lambda: t._usage_rows("a")):
+        with pytest.raises(ZeroDivisionError):
+            question()
+        assert len(refused) == len(operations)
+        refused.clear()
+    assert t.flush() == 1 and t._state == {}
 
 
 def test_counts_are_exact_with_many_threads(tracker, monkeypatch, request):

@@ -32,6 +32,7 @@ WRONG = [
     ("record_error", ("a", ValueError("e")), {}, "'error' must be str or None, not ValueError"),
     ("is_disabled", ("a",), {"tool_name": "a"}, "2 given"),
     ("is_disabled", (b"a",), {}, "'tool_name' must be str, not bytes"),
+    ("_usage_rows", (None,), {}, "'tool_name' must be str, not None"),
     ("flush", (1,), {}, "no arguments"),
     ("__init__", (1, 2, 3), {}, "3 given"),
 ]

@@ -42,6 +42,16 @@ std::vector<ToolSummary> summarize(const ToolStates& states, const UsageCounts& 
     return tools;
 }
 
+std::vector<UsageRow> usage_rows(const UsageCounts& usage, const HashedText& tool) {
+    std::vector<UsageRow> rows;
+    for (const auto& [key, counts] : usage.entries()) {
+        if (*key.tool == tool) {
+            rows.push_back(usage_row(key, counts));
+        }
+    }
+    return rows;
+}
+
 void sort_usage(std::vector<UsageRow>& rows) {
     const auto rank = [](const UsageRow& row) {
         const auto* action = row.key->action;

@@ -25,6 +25,9 @@ struct ToolSummary {
 // rows in the order in which their keys were first met.
 std::vector<ToolSummary> summarize(const ToolStates& states, const UsageCounts& usage);
 
+// The usage rows of one tool, in the same order.
+std::vector<UsageRow> usage_rows(const UsageCounts& usage, const HashedText& tool);
+
 // Most calls first, then by action (none reads as "None"), outcome and use of a synonym.
 void sort_usage(std::vector<UsageRow>& rows);
 

@@ -92,4 +92,12 @@ template <std::size_t Size>
           text(parameter), expected, given == Py_None ? "None" : Py_TYPE(given)->tp_name);
 }
 
+template <std::size_t Size>
+PyObject* text_argument(const Signature<Size>& signature, Name parameter, PyObject* argument) {
+    if (!PyUnicode_Check(argument)) {
+        raise_wrong_type(signature, parameter, "str", argument);
+    }
+    return argument;
+}
+
 }  // namespace health

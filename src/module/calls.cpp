@@ -19,14 +19,6 @@ double wall_clock() {
     return std::chrono::duration<double>(now).count();
 }
 
-template <std::size_t Size>
-PyObject* text_argument(const Signature<Size>& signature, Name parameter, PyObject* argument) {
-    if (!PyUnicode_Check(argument)) {
-        raise_wrong_type(signature, parameter, "str", argument);
-    }
-    return argument;
-}
-
 // Calls
 
 constexpr Signature<5> kRecordCallSignature{

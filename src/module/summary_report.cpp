@@ -65,13 +65,17 @@ Ref answer(const Names& names, const UsageRow& row) {
                             {Name::slow, to_python(row.slow)}});
 }
 
-Ref answer(const Names& names, const ToolSummary& tool, Pacer& pacer) {
-    const auto& health = tool.health;
-    const auto rows = owned(PyList_New(0));
-    for (const auto& row : tool.usage) {
-        checked(PyList_Append(rows, answer(names, row)));
+Ref answer(const Names& names, const std::vector<UsageRow>& rows, Pacer& pacer) {
+    auto answers = owned(PyList_New(0));
+    for (const auto& row : rows) {
+        checked(PyList_Append(answers, answer(names, row)));
         pacer.step();
     }
+    return answers;
+}
+
+Ref answer(const Names& names, const ToolSummary& tool, Pacer& pacer) {
+    const auto& health = tool.health;
     return make_map(names, {{Name::tool_name, to_python(health.tool)},
                             {Name::call_count, to_python(health.call_count)},
                             {Name::error_count, to_python(health.error_count)},
@@ -79,7 +83,7 @@ Ref answer(const Names& names, const ToolSummary& tool, Pacer& pacer) {
                             {Name::disabled, to_python(health.disabled_at.has_value())},
                             {Name::disabled_at, to_python(health.disabled_at)},
                             {Name::updated_at, to_python(health.updated_at)},
-                            {Name::usage, rows}});
+                            {Name::usage, answer(names, tool.usage, pacer)}});
 }
 
 Ref get_health_summary(Tracker& tracker) {
@@ -106,10 +110,34 @@ Ref get_health_summary(Tracker& tracker) {
     return answers;
 }
 
+constexpr Signature<1> kUsageRowsSignature{"_usage_rows", {Name::tool_name}};
+
+PyDoc_STRVAR(kUsageRowsDoc, R"(_usage_rows($self, tool_name)
+--
+
+One tool's usage, as in the summary: a new list of dicts, empty for a tool that
+was never called.)");
+
+Ref tool_usage_rows(Tracker& tracker, PyObject* tool_name) {
+    const Text tool(text_argument(kUsageRowsSignature, Name::tool_name, tool_name));
+    SlowCalls slow_calls(tracker.module);
+    auto rows = tracker.health.run_calling_python([&](const Health& health) {
+        auto gathered = aside([&] { return usage_rows(health.usage, tool); });
+        slow_calls.ask(gathered);
+        return gathered;
+    });
+    aside([&] { sort_usage(rows); });
+    Pacer pacer;
+    return answer(tracker.names, rows, pacer);
+}
+
 }  // namespace
 
 Methods summary_methods() {
-    return {method<get_health_summary>("get_health_summary", kGetHealthSummaryDoc)};
+    return {
+        method<get_health_summary>("get_health_summary", kGetHealthSummaryDoc),
+        method<tool_usage_rows, kUsageRowsSignature>(kUsageRowsDoc),
+    };
 }
 
 }  // namespace health
