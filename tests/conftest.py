@@ -1,7 +1,15 @@
+import signal
+
 import pytest
 from quillet.config import ToolsConfig
 from quillet.repository import Repository
 from quillet.tool_handlers import health
+
+# Whoever runs the tests may ignore these, as nohup does, and a daemon that is started would inherit
+# that. A handler it does not.
+for number in (signal.SIGHUP, signal.SIGINT):
+    if signal.getsignal(number) is signal.SIG_IGN:
+        signal.signal(number, lambda *_: None)
 
 MEMBERS = ("tool", "action", "outcome", "alias_hit", "calls", "timed_calls", "total_ms")
 

@@ -15,12 +15,17 @@ from quillet.tool_handlers import health
 
 @pytest.fixture
 def signalled():
-    """Sends this process a signal soon, and lets `handler` handle it."""
+    """Sends this process a signal soon, which `handler` handles, then does what is to `follow`."""
     before, timers = signal.getsignal(signal.SIGUSR1), []
 
-    def signalled(handler):
+    def signalled(handler, follow=lambda: None):
         signal.signal(signal.SIGUSR1, lambda *_: handler())
-        timers.append(threading.Timer(0.15, os.kill, (os.getpid(), signal.SIGUSR1)))
+
+        def send():
+            os.kill(os.getpid(), signal.SIGUSR1)
+            follow()
+
+        timers.append(threading.Timer(0.15, send))
         timers[-1].start()
 
     yield signalled
@@ -84,8 +89,7 @@ def test_a_failed_write_is_marked_whatever_is_going_on(tracker, repository, hold
     """The lock is held, and a signal's handler raises meanwhile."""
 
     def fail(*_):
-        signalled(lambda: 1 / 0)
-        threading.Timer(0.2, hold(t).set).start()
+        signalled(lambda: 1 / 0, hold(t).set)
         raise OSError("no luck")
 
     t = tracker()

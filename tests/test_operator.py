@@ -57,7 +57,9 @@ def test_the_status_shows_all_that_is_stored_and_leaves_it_alone(folder):
     with Repository(folder) as running:
         blobs = "last_error = x'ff', call_count = 6 WHERE error_count = 1"
         running.db.execute(f"UPDATE tool_health SET {blobs}", ())
-        running.db.execute("UPDATE tool_health SET call_count = 1, disabled_at = x'30' WHERE error_count = 0", ())
+        running.db.execute(
+            "UPDATE tool_health SET call_count = 1, disabled_at = x'30' WHERE error_count = 0", ()
+        )
         shutil.copytree(own, killed)  # as a daemon leaves it that is killed
     read, embed = status(killed, 90)
     assert (read["tried_again_at"], read["tried_again_in_s"]) == ("2023-11-14 22:14:51", 0)
