@@ -6,8 +6,7 @@ namespace health {
 namespace {
 
 bool is_text(const LastError& error, std::string_view text) {
-    const auto* kept = error ? std::get_if<std::string>(error.get()) : nullptr;
-    return kept != nullptr && *kept == text;
+    return error && error->is_text && error->bytes == text;
 }
 
 }  // namespace
@@ -41,7 +40,7 @@ void ToolStates::record_error(const HashedText& tool, std::string_view error, do
     auto known = entries_.find(tool);
     LastError another;
     if (known == entries_.end() || !is_text(known.value().last_error, error)) {
-        another = std::make_shared<const ErrorValue>(std::in_place_type<std::string>, error);
+        another = std::make_shared<const ErrorValue>(ErrorValue{std::string(error)});
     }
     if (known == entries_.end()) {
         known = find_or_insert(tool);

@@ -10,7 +10,6 @@
 #include <string>
 #include <string_view>
 #include <utility>
-#include <variant>
 #include <vector>
 
 #include "core/number.hpp"
@@ -19,18 +18,13 @@
 
 namespace health {
 
-struct Blob {
+// A text. A row that somebody edited may hold another value, which the caller writes as bytes.
+struct ErrorValue {
     std::string bytes;
+    bool is_text = true;
 };
 
-// Of any size.
-struct Integer {
-    std::string hexadecimal;
-};
-
-// A last error: none when null, else a text. A row that somebody edited may hold another SQLite
-// value, which is kept and given back as it is. Copies share the value, which never changes.
-using ErrorValue = std::variant<std::string, Integer, double, Blob>;
+// None when null. Copies share the value, which never changes.
 using LastError = std::shared_ptr<const ErrorValue>;
 
 // Times are epoch seconds.

@@ -5,24 +5,11 @@
 #include <memory>
 #include <string>
 #include <utility>
-#include <variant>
+
+// Needs Python.h before it.
+#include <marshal.h>
 
 namespace health {
-namespace {
-
-struct ErrorToPython {
-    Ref operator()(const std::string& text) const { return to_python(std::string_view(text)); }
-    Ref operator()(const Integer& integer) const {
-        return owned(PyLong_FromString(integer.hexadecimal.c_str(), nullptr, 16));
-    }
-    Ref operator()(double real) const { return to_python(real); }
-    Ref operator()(const Blob& blob) const {
-        return owned(PyBytes_FromStringAndSize(blob.bytes.data(),
-                                               static_cast<Py_ssize_t>(blob.bytes.size())));
-    }
-};
-
-}  // namespace
 
 void Text::encode(PyObject* object) {
     Py_ssize_t size = 0;
@@ -73,7 +60,13 @@ Ref to_python(const HashedText* text) { return text == nullptr ? none() : to_pyt
 Ref to_python(const TimestampText& text) { return to_python(view(text)); }
 
 Ref to_python(const LastError& error) {
-    return error ? std::visit(ErrorToPython(), *error) : none();
+    if (!error) {
+        return none();
+    }
+    const std::string& bytes = error->bytes;
+    return error->is_text ? to_python(std::string_view(bytes))
+                          : owned(PyMarshal_ReadObjectFromString(
+                                bytes.data(), static_cast<Py_ssize_t>(bytes.size())));
 }
 
 Ref to_python(double number) { return owned(PyFloat_FromDouble(number)); }
@@ -109,25 +102,21 @@ double to_double_or_infinity(PyObject* number) {
 }
 
 LastError to_last_error(PyObject* value) {
-    const auto make = [](auto kept) { return std::make_shared<const ErrorValue>(std::move(kept)); };
     if (value == Py_None) {
         return nullptr;
     }
+    ErrorValue error;
     if (PyUnicode_Check(value)) {
-        return make(std::string(Text(value).text));
+        error.bytes = Text(value).text;
+    } else if (PyLong_Check(value) || PyFloat_Check(value) || PyBytes_Check(value)) {
+        const auto written = owned(PyMarshal_WriteObjectToString(value, Py_MARSHAL_VERSION));
+        error = {std::string(PyBytes_AS_STRING(written.get()),
+                             static_cast<std::size_t>(PyBytes_GET_SIZE(written.get()))),
+                 false};
+    } else {
+        raise(PyExc_TypeError, "last_error cannot be %.200s", Py_TYPE(value)->tp_name);
     }
-    if (PyLong_Check(value)) {
-        const auto digits = owned(PyNumber_ToBase(value, 16));
-        return make(Integer{std::string(Text(digits).text)});
-    }
-    if (PyFloat_Check(value)) {
-        return make(PyFloat_AS_DOUBLE(value));
-    }
-    if (PyBytes_Check(value)) {
-        return make(Blob{std::string(PyBytes_AS_STRING(value),
-                                     static_cast<std::size_t>(PyBytes_GET_SIZE(value)))});
-    }
-    raise(PyExc_TypeError, "last_error cannot be %.200s", Py_TYPE(value)->tp_name);
+    return std::make_shared<const ErrorValue>(std::move(error));
 }
 
 }  // namespace health
