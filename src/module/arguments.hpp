@@ -30,18 +30,10 @@ struct Signature {
     }
 };
 
-// Any call's arguments, bound by the interpreter's own parser, which raises its own errors.
+// The argument of each parameter, null for one that was left out and has a default, as the
+// interpreter's own parser finds them, which raises its own errors.
 template <std::size_t Size>
-[[gnu::noinline]] auto parse(const Signature<Size>& signature, PyObject* const* given,
-                             std::size_t positional, std::size_t named, PyObject* keywords) {
-    const auto args = owned(PyTuple_New(static_cast<Py_ssize_t>(positional)));
-    for (std::size_t i = 0; i < positional; ++i) {
-        PyTuple_SET_ITEM(args.get(), i, Py_NewRef(given[i]));
-    }
-    const auto kwargs = owned(PyDict_New());
-    for (std::size_t i = 0; i < named; ++i) {
-        checked(PyDict_SetItem(kwargs, PyTuple_GET_ITEM(keywords, i), given[positional + i]));
-    }
+auto parse(const Signature<Size>& signature, PyObject* args, PyObject* kwargs) {
     std::array<char*, Size + 1> names{};
     std::transform(signature.parameters.begin(), signature.parameters.end(), names.begin(),
                    [](Name name) { return const_cast<char*>(text(name)); });
@@ -56,9 +48,23 @@ template <std::size_t Size>
     return bound;
 }
 
-// The argument of each parameter, null for one that was left out and has a default, of a call as
-// the vectorcall protocol hands it over. The references are the call's. Nearly all calls give every
-// argument, the names interned; the parser above is too slow for these.
+// The same of a call as the vectorcall protocol hands it over.
+template <std::size_t Size>
+[[gnu::noinline]] auto parse(const Signature<Size>& signature, PyObject* const* given,
+                             std::size_t positional, std::size_t named, PyObject* keywords) {
+    const auto args = owned(PyTuple_New(static_cast<Py_ssize_t>(positional)));
+    for (std::size_t i = 0; i < positional; ++i) {
+        PyTuple_SET_ITEM(args.get(), i, Py_NewRef(given[i]));
+    }
+    const auto kwargs = owned(PyDict_New());
+    for (std::size_t i = 0; i < named; ++i) {
+        checked(PyDict_SetItem(kwargs, PyTuple_GET_ITEM(keywords, i), given[positional + i]));
+    }
+    return parse(signature, args, kwargs);
+}
+
+// The same once more; the references are the call's. Nearly all calls give every argument, the
+// names interned; the interpreter's parser is too slow for these.
 template <const auto& kSignature>
 auto bind(const Names& names, PyObject* const* given, std::size_t positional, PyObject* keywords) {
     constexpr auto kSize = kSignature.parameters.size();

@@ -18,7 +18,7 @@
     X(execute) X(executemany) X(fetchall) X(fetchone) X(get) X(getLogger) X(get_all_stats)         \
     X(get_timing_collector) X(is_slow_call) X(last_error) X(limits) X(loads) X(logger) X(max_ms)   \
     X(min_ms) X(name) X(os) X(os_threads) X(outcome) X(p95_ms) X(python) X(python_by_name)         \
-    X(python_threads) X(python_total) X(slow) X(text) X(thread_census) X(timed_calls) X(tool)      \
+    X(python_threads) X(python_total) X(repository) X(slow) X(text) X(thread_census) X(timed_calls) X(tool)      \
     X(tool_name) X(tools) X(total_ms) X(updated_at) X(usage) X(warning)
 // clang-format on
 

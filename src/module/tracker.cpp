@@ -57,18 +57,16 @@ A history that cannot be read is logged as a warning and left out. Raises
 IndexError, OverflowError, TypeError or ValueError for a stored row that does
 not convert.)");
 
+constexpr Signature<2> kInitSignature{
+    "ToolHealthTracker", {Name::repository, Name::limits}, 2, 1};
+
 int tracker_init(PyObject* self, PyObject* args, PyObject* kwargs) {
     const bool done = succeeds([&] {
-        static std::array keywords{const_cast<char*>("repository"), const_cast<char*>("limits"),
-                                   static_cast<char*>(nullptr)};
-        PyObject* repository = nullptr;
-        PyObject* limits = Py_None;
-        if (PyArg_ParseTupleAndKeywords(args, kwargs, "O|O:ToolHealthTracker", keywords.data(),
-                                        &repository, &limits) == 0) {
-            throw PythonError();
-        }
+        const auto [repository, limits] = parse(kInitSignature, args, kwargs);
         auto& tracker = tracker_of(self);
-        auto settings = limits != Py_None ? shared(limits) : find(tracker.module, kToolsConfig)();
+        auto settings = limits != nullptr && limits != Py_None
+                            ? shared(limits)
+                            : find(tracker.module, kToolsConfig)();
         if (tracker.limits != nullptr) {
             raise(PyExc_RuntimeError, "a tracker is initialized once");
         }
