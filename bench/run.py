@@ -7,9 +7,9 @@ import platform
 import sys
 import time
 
+import bulk
 import calls
 import event_loop
-import everything
 import growth
 import guard
 import memory
@@ -23,7 +23,7 @@ SECTIONS = [
     ("Threads at once: how many times as many calls", "plain", threads.figures),
     (picture.DELAYS, "plain", event_loop.figures),
     ("The same at 100,000 keys beside 1,000", "at 1,000", event_loop.growth_figures),
-    (everything.TITLE, "plain", everything.figures),
+    (bulk.TITLE, "plain", bulk.figures),
     ("Start, 1,000 tools and 10,000 keys: how many times as fast", "plain", start.figures),
     ("Memory: what part of the plain class's", "plain", memory.figures),
     ("A call through a guard, and through a loop that passes all on", "loop", guard.figures),

@@ -70,7 +70,8 @@ std::optional<ToolStates::Position> ToolStates::find_disabled(const HashedText& 
     return entry - entries_.begin();
 }
 
-std::optional<LastError> ToolStates::try_again(Position position, double now, double cooldown_s) {
+std::optional<LastError> ToolStates::enable_if_cooled_down(Position position, double now,
+                                                           double cooldown_s) {
     auto known = entries_.begin() + position;
     auto& entry = known.value();
     if (!entry.disabled_at) {

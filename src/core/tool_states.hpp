@@ -74,7 +74,8 @@ public:
 
     // Enables the tool at that position if its cooldown has passed. Its last error if it is still
     // disabled; nothing if it is enabled.
-    std::optional<LastError> try_again(Position position, double now, double cooldown_s);
+    std::optional<LastError> enable_if_cooled_down(Position position, double now,
+                                                   double cooldown_s);
 
     // Installs a stored state, which counts as saved.
     void seed(const HashedText& tool, ToolState state);

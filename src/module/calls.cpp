@@ -157,7 +157,7 @@ Ref is_disabled(Tracker& tracker, PyObject* tool_name) {
     const auto cooldown = owned(PyObject_GetAttr(tracker.self, tracker.names[Name::cooldown_s]));
     const double cooldown_s = to_double_or_infinity(cooldown);
     const auto last_error = tracker.health.run([&](Health& health) {
-        return health.states.try_again(*disabled, wall_clock(), cooldown_s);
+        return health.states.enable_if_cooled_down(*disabled, wall_clock(), cooldown_s);
     });
     return last_error ? disabled_answer(tracker.latest_answer, *last_error)
                       : tracker.module.enabled;

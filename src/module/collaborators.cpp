@@ -45,7 +45,7 @@ Ref module_attribute(const ModuleState& module, PyObject* name) {
 
 }  // namespace
 
-Ref find(const ModuleState& module, const Collaborator& collaborator) {
+Ref find_collaborator(const ModuleState& module, const Collaborator& collaborator) {
     PyObject* own =
         PyDict_GetItemWithError(PyModule_GetDict(module.module), module.names[collaborator.name]);
     if (own != nullptr) {

@@ -20,6 +20,6 @@ inline constexpr Collaborator kThreadCensus{Name::thread_census, "utils.process"
 
 // The one set on the module itself, else the daemon's own. An ImportError names one that is not
 // found.
-Ref find(const ModuleState& module, const Collaborator& collaborator);
+Ref find_collaborator(const ModuleState& module, const Collaborator& collaborator);
 
 }  // namespace health

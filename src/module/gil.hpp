@@ -4,6 +4,7 @@
 #include <chrono>
 #include <exception>
 #include <thread>
+#include <type_traits>
 #include <utility>
 
 #include "module/python.hpp"
@@ -40,28 +41,26 @@ private:
     PyThreadState* thread_ = PyEval_SaveThread();
 };
 
-// Runs work without it.
+// Runs work without it; work that may have to wait is given the release.
 template <class Work>
 auto without_gil(Work&& work) {
     GilRelease gil;
     try {
-        return work(gil);
+        if constexpr (std::is_invocable_v<Work, GilRelease&>) {
+            return work(gil);
+        } else {
+            return work();
+        }
     } catch (const std::exception&) {
         gil.take_back();
         throw;
     }
 }
 
-// Runs work that needs nothing of Python while others may run.
-template <class Work>
-auto aside(Work&& work) {
-    return without_gil([&](GilRelease& /*gil*/) { return work(); });
-}
-
 // Frees plain memory, which may be much, while others may run.
 template <class Plain>
-void free_aside(Plain& memory) {
-    aside([&] { Plain().swap(memory); });
+void free_without_gil(Plain& memory) {
+    without_gil([&] { Plain().swap(memory); });
 }
 
 // Lets the other threads in, now and then, during a long loop over Python objects. A thread that
@@ -70,7 +69,7 @@ class Pacer {
 public:
     void step() {
         if (++steps_ % 1024 == 0) {
-            aside([] { std::this_thread::sleep_for(std::chrono::microseconds(1)); });
+            without_gil([] { std::this_thread::sleep_for(std::chrono::microseconds(1)); });
         }
     }
 

@@ -73,7 +73,7 @@ Ref read_rows(Tracker& tracker) {
     stored.for_each([&](const Ref& row) {
         const auto tool = row.at(0);
         if (tools == nullptr) {
-            tools = find(tracker.module, kTools);
+            tools = find_collaborator(tracker.module, kTools);
         }
         if (registry_knows(tracker.names, tools, tool, Py_None)) {
             checked(PyList_Append(known, row));
@@ -123,7 +123,7 @@ Ref load_health(Tracker& tracker) {
             pacer.step();
         });
     });
-    tracker.health.run_aside([&](Health& health) {
+    tracker.health.run_without_gil([&](Health& health) {
         for (const auto& [tool, state] : states.entries()) {
             health.states.seed(tool, state);
         }
@@ -152,14 +152,14 @@ void write_rows(Tracker& tracker, const std::vector<HealthRow>& rows) {
 
 Ref flush_health(Tracker& tracker) {
     auto rows =
-        tracker.health.run_aside([](Health& health) { return health.states.take_changes(); });
+        tracker.health.run_without_gil([](Health& health) { return health.states.take_changes(); });
     const auto count = static_cast<Count>(rows.size());
     if (count > 0) {
         write_or_mark(
             tracker.health, [&] { write_rows(tracker, rows); },
             [&](Health& health) { health.states.restore_changes(rows); });
     }
-    free_aside(rows);
+    free_without_gil(rows);
     return to_python(count);
 }
 

@@ -31,7 +31,7 @@ template <class Owner, class... Values, Ref (*Operation)(Owner&, Values...),
 struct Method<Operation, kSignature> {
     static PyObject* call(PyObject* self, PyObject* const* given, Py_ssize_t positional,
                           PyObject* keywords) {
-        return guarded([&] {
+        return c_result([&] {
             auto& owner = owner_of<Owner>(self);
             return std::apply([&](auto*... values) { return Operation(owner, values...); },
                               bind<kSignature>(owner.names, given,
@@ -43,7 +43,7 @@ struct Method<Operation, kSignature> {
 template <class Owner, Ref (*Operation)(Owner&)>
 struct Method<Operation> {
     static PyObject* call(PyObject* self, PyObject* /*none*/) {
-        return guarded([&] { return Operation(owner_of<Owner>(self)); });
+        return c_result([&] { return Operation(owner_of<Owner>(self)); });
     }
 };
 

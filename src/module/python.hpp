@@ -229,7 +229,7 @@ Ref exception_of(Work&& work) {
 
 // Runs a body that returns a Ref where the interpreter expects a new reference or an error.
 template <class Body>
-PyObject* guarded(Body&& body) {
+PyObject* c_result(Body&& body) {
     PyObject* result = nullptr;
     succeeds([&] { result = body().release(); });
     return result;

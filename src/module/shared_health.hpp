@@ -45,12 +45,13 @@ public:
     // it has to wait.
     template <class Work>
     auto run(Work&& work) {
-        return announced_.load(std::memory_order_acquire) == 0 ? work(health_) : run_aside(work);
+        return announced_.load(std::memory_order_acquire) == 0 ? work(health_)
+                                                               : run_without_gil(work);
     }
 
     // The same for longer work: without the interpreter lock in any case.
     template <class Work>
-    [[gnu::noinline]] auto run_aside(Work&& work) {
+    [[gnu::noinline]] auto run_without_gil(Work&& work) {
         announce();
         return without_gil([&](GilRelease& gil) {
             const AtExit lower{[&] { announced_.fetch_sub(1, std::memory_order_release); }};
@@ -76,7 +77,7 @@ public:
     void run_surely(Work&& work) {
         announce();
         const AtExit lower{[&] { announced_.fetch_sub(1, std::memory_order_release); }};
-        aside([&] {
+        without_gil([&] {
             const std::lock_guard lock(mutex_);
             work(health_);
         });

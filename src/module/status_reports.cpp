@@ -28,7 +28,7 @@ Ref tool_entry(const Names& names, const Ref& record) {
 
 Ref tool_performance_stats(const ModuleState& module) {
     const auto& names = module.names;
-    const auto collector = find(module, kGetTimingCollector)();
+    const auto collector = find_collaborator(module, kGetTimingCollector)();
     const auto entries = owned(PyList_New(0));
     collector.method(names[Name::get_all_stats]).for_each([&](const Ref& record) {
         checked(PyList_Append(entries, tool_entry(names, record)));
@@ -72,8 +72,9 @@ Ref thread_census_report(const ModuleState& module, PyObject* budget, PyObject* 
     if (!PyLong_Check(budget)) {
         raise_wrong_type(kThreadReportSignature, Name::budget, "int", budget);
     }
-    const auto census =
-        given != nullptr && given != Py_None ? shared(given) : find(module, kThreadCensus)();
+    const auto census = given != nullptr && given != Py_None
+                            ? shared(given)
+                            : find_collaborator(module, kThreadCensus)();
     const auto os_threads = census.attribute(names[Name::os_threads]);
     const auto python_total = census.attribute(names[Name::python_total]);
     const auto by_name = owned(PyDict_New());

@@ -39,7 +39,8 @@ class SlowCalls {
 public:
     // Before the lock is taken: importing what is asked runs Python at length.
     explicit SlowCalls(const ModuleState& module)
-        : not_found_(exception_of([&] { is_slow_call_ = find(module, kIsSlowCall); })) {}
+        : not_found_(
+              exception_of([&] { is_slow_call_ = find_collaborator(module, kIsSlowCall); })) {}
 
     // About the rows of one tool. That there is nobody to ask matters only here.
     void ask(std::vector<UsageRow>& rows) {
@@ -89,13 +90,13 @@ Ref answer(const Names& names, const ToolSummary& tool, Pacer& pacer) {
 Ref get_health_summary(Tracker& tracker) {
     SlowCalls slow_calls(tracker.module);
     auto tools = tracker.health.run_calling_python([&](const Health& health) {
-        auto gathered = aside([&] { return summarize(health.states, health.usage); });
+        auto gathered = without_gil([&] { return summarize(health.states, health.usage); });
         for (auto& tool : gathered) {
             slow_calls.ask(tool.usage);
         }
         return gathered;
     });
-    aside([&] {
+    without_gil([&] {
         for (auto& tool : tools) {
             sort_usage(tool.usage);
         }
@@ -106,7 +107,7 @@ Ref get_health_summary(Tracker& tracker) {
         checked(PyList_Append(answers, answer(tracker.names, tool, pacer)));
         pacer.step();
     }
-    free_aside(tools);
+    free_without_gil(tools);
     return answers;
 }
 
@@ -122,11 +123,11 @@ Ref tool_usage_rows(Tracker& tracker, PyObject* tool_name) {
     const Text tool(text_argument(kUsageRowsSignature, Name::tool_name, tool_name));
     SlowCalls slow_calls(tracker.module);
     auto rows = tracker.health.run_calling_python([&](const Health& health) {
-        auto gathered = aside([&] { return usage_rows(health.usage, tool); });
+        auto gathered = without_gil([&] { return usage_rows(health.usage, tool); });
         slow_calls.ask(gathered);
         return gathered;
     });
-    aside([&] { sort_usage(rows); });
+    without_gil([&] { sort_usage(rows); });
     Pacer pacer;
     return answer(tracker.names, rows, pacer);
 }

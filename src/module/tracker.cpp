@@ -27,7 +27,7 @@ TrackerObject* as_object(PyObject* self) { return reinterpret_cast<TrackerObject
 // Life
 
 PyObject* tracker_new(PyTypeObject* type, PyObject* /*args*/, PyObject* /*kwargs*/) {
-    return guarded([&] {
+    return c_result([&] {
         const auto& module = state_of_class(type);
         auto tracker = std::make_unique<Tracker>(module);
         auto self = owned(type->tp_alloc(type, 0));
@@ -57,8 +57,7 @@ A history that cannot be read is logged as a warning and left out. Raises
 IndexError, OverflowError, TypeError or ValueError for a stored row that does
 not convert.)");
 
-constexpr Signature<2> kInitSignature{
-    "ToolHealthTracker", {Name::repository, Name::limits}, 2, 1};
+constexpr Signature<2> kInitSignature{"ToolHealthTracker", {Name::repository, Name::limits}, 2, 1};
 
 int tracker_init(PyObject* self, PyObject* args, PyObject* kwargs) {
     const bool done = succeeds([&] {
@@ -66,7 +65,7 @@ int tracker_init(PyObject* self, PyObject* args, PyObject* kwargs) {
         auto& tracker = tracker_of(self);
         auto settings = limits != nullptr && limits != Py_None
                             ? shared(limits)
-                            : find(tracker.module, kToolsConfig)();
+                            : find_collaborator(tracker.module, kToolsConfig)();
         if (tracker.limits != nullptr) {
             raise(PyExc_RuntimeError, "a tracker is initialized once");
         }

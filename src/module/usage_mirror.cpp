@@ -30,7 +30,7 @@ PyDoc_STRVAR(kKnownDoc, R"(_known($module, tool, action)
 Whether the registry has the tool and, unless `action` is None, that action.)");
 
 Ref known(const ModuleState& module, PyObject* tool, PyObject* action) {
-    return to_python(registry_knows(module.names, find(module, kTools), tool, action));
+    return to_python(registry_knows(module.names, find_collaborator(module, kTools), tool, action));
 }
 
 // Reading
@@ -47,7 +47,7 @@ std::optional<UsageCounts> read_own_form(const Ref& document) {
     }
     const std::string_view text(static_cast<const char*>(PyUnicode_DATA(document.get())),
                                 static_cast<std::size_t>(PyUnicode_GET_LENGTH(document.get())));
-    return aside([&] { return read_usage_document(text, python_hash); });
+    return without_gil([&] { return read_usage_document(text, python_hash); });
 }
 
 Count count_member(const Ref& element, PyObject* name) {
@@ -104,7 +104,7 @@ std::vector<UsageEntry> known_entries(const ModuleState& module, const UsageCoun
     if (counts.entries().empty()) {
         return known;
     }
-    const auto tools = find(module, kTools);
+    const auto tools = find_collaborator(module, kTools);
     std::unordered_map<const HashedText*, Ref> texts;  // the keys repeat few texts many times
     const auto object = [&](const HashedText* text) -> const Ref& {
         auto& made = texts[text];
@@ -127,7 +127,7 @@ Ref load_usage(Tracker& tracker) {
         return none();
     }
     const auto known = known_entries(tracker.module, stored.counts);
-    tracker.health.run_aside([&](Health& health) {
+    tracker.health.run_without_gil([&](Health& health) {
         const bool is_whole = known.size() == stored.counts.entries().size();
         health.usage.mark_changed(!is_whole || !stored.is_whole);
         if (is_whole && health.usage.entries().empty()) {
@@ -145,11 +145,11 @@ Ref load_usage(Tracker& tracker) {
 
 // The document as Python text, made without the interpreter lock but for its allocation.
 Ref make_document(std::span<const UsageEntry> entries) {
-    auto document = aside([&] { return write_usage_document(entries); });
+    auto document = without_gil([&] { return write_usage_document(entries); });
     auto text = owned(PyUnicode_New(static_cast<Py_ssize_t>(document.size()), 127));
     // Nobody else has seen the text yet.
-    aside([&] { std::memcpy(PyUnicode_DATA(text.get()), document.data(), document.size()); });
-    free_aside(document);
+    without_gil([&] { std::memcpy(PyUnicode_DATA(text.get()), document.data(), document.size()); });
+    free_without_gil(document);
     return text;
 }
 
@@ -160,7 +160,7 @@ void write_document(Tracker& tracker, std::span<const UsageEntry> entries) {
 
 Ref flush_usage(Tracker& tracker) {
     auto entries =
-        tracker.health.run_aside([](Health& health) { return health.usage.take_changes(); });
+        tracker.health.run_without_gil([](Health& health) { return health.usage.take_changes(); });
     if (!entries) {
         return to_python(Count{0});
     }
@@ -168,7 +168,7 @@ Ref flush_usage(Tracker& tracker) {
         tracker.health, [&] { write_document(tracker, *entries); },
         [](Health& health) { health.usage.mark_changed(true); });
     const auto count = static_cast<Count>(entries->size());
-    free_aside(*entries);
+    free_without_gil(*entries);
     return to_python(count);
 }
 

@@ -38,7 +38,7 @@ _UsageKey = tuple[str, str | None, str, bool]
 Ref state(Tracker& tracker) {
     const auto& module = tracker.module;
     const auto type = module.records.item(module.names[Name::_ToolState]);
-    const auto states = tracker.health.run_aside([](const Health& health) {
+    const auto states = tracker.health.run_without_gil([](const Health& health) {
         const auto& entries = health.states.entries();
         return std::vector<std::pair<HashedText, ToolState>>(entries.begin(), entries.end());
     });
@@ -53,8 +53,8 @@ Ref state(Tracker& tracker) {
 }
 
 Ref dirty(Tracker& tracker) {
-    const auto changed =
-        tracker.health.run_aside([](const Health& health) { return health.states.changed(); });
+    const auto changed = tracker.health.run_without_gil(
+        [](const Health& health) { return health.states.changed(); });
     auto set = owned(PySet_New(nullptr));
     for (const auto& tool : changed) {
         checked(PySet_Add(set, to_python(tool)));
@@ -64,7 +64,7 @@ Ref dirty(Tracker& tracker) {
 
 Ref usage(Tracker& tracker) {
     const auto entries =
-        tracker.health.run_aside([](Health& health) { return health.usage.snapshot(); });
+        tracker.health.run_without_gil([](Health& health) { return health.usage.snapshot(); });
     const auto& module = tracker.module;
     const auto type = module.records.item(module.names[Name::_Usage]);
     auto map = owned(PyDict_New());

@@ -27,8 +27,8 @@ TEST(Core, ATimeWithoutATextLosesTheMarksAndNothingElse) {
     ASSERT_EQ(rows.size(), 1U);
     EXPECT_EQ(view(rows[0].updated_at), "1970-01-01 00:00:00");
     states.record_error(tool, "f", 5.0, 2.0);
-    EXPECT_TRUE(states.try_again(states.find_disabled(tool).value(), 9.0, 4.5));
-    EXPECT_FALSE(states.try_again(states.find_disabled(tool).value(), 9.0, 4.0));
+    EXPECT_TRUE(states.enable_if_cooled_down(states.find_disabled(tool).value(), 9.0, 4.5));
+    EXPECT_FALSE(states.enable_if_cooled_down(states.find_disabled(tool).value(), 9.0, 4.0));
     EXPECT_FALSE(states.find_disabled(tool));
 }
 
