@@ -110,12 +110,36 @@ sys.modules["late"] = Late()
 threading.Thread(target=health.ToolHealthTracker, args=(Repository, 1), daemon=True).start()
 time.sleep(0.05)
 """
+# The answer does the same, and what goes later asks the tracker.
+ENDING_AMID_AN_ANSWER = """
+import sys, threading, time
+from quillet.tool_handlers import health
+class Answer:
+    __bool__ = lambda self: False
+    __del__ = lambda self: time.sleep(0.2)
+class Repository:
+    class db:
+        fetchall = lambda sql: []
+        fetchone = lambda sql, parameters: None
+health.is_slow_call = lambda tool, action: Answer()
+t = health.ToolHealthTracker(Repository, 1)
+t.record_call("a", None, "ok", alias_hit=False, duration_ms=None)
+class Late:
+    __del__ = lambda self, sleep=time.sleep, t=t: (sleep(0.4), t.record_success("a"))
+sys.modules["late"] = Late()
+threading.Thread(target=t.get_health_summary, daemon=True).start()
+time.sleep(0.05)
+"""
 SUBINTERPRETER = "import _testcapi; _testcapi.run_in_subinterp('')"
 
 
-@pytest.mark.parametrize("program", [ENDING, SUBINTERPRETER + ENDING, ENDING_AMID_AN_ERROR])
+@pytest.mark.parametrize(
+    "program", [ENDING, SUBINTERPRETER + ENDING, ENDING_AMID_AN_ERROR, ENDING_AMID_AN_ANSWER]
+)
 def test_the_interpreter_ends_amid_calls(program):
     """It unwinds the threads that it ends, and they do not hold its lock then."""
     for _ in range(4):
-        run = subprocess.run([sys.executable, "-c", program], capture_output=True, text=True)
+        run = subprocess.run(
+            [sys.executable, "-c", program], capture_output=True, text=True, timeout=60
+        )
         assert (run.returncode, run.stderr) == (0, "")

@@ -46,7 +46,11 @@ public:
     void ask(std::vector<UsageRow>& rows) {
         for (auto& row : rows) {
             raise_if(not_found_);
-            row.slow = truth(is_slow_call_(to_python(row.key->tool), to_python(row.key->action)));
+            auto answer = is_slow_call_(to_python(row.key->tool), to_python(row.key->action));
+            row.slow = truth(answer);
+            if (!PyBool_Check(answer.get())) {
+                answers_.push_back(std::move(answer));
+            }
             pacer_.step();
         }
     }
@@ -54,6 +58,7 @@ public:
 private:
     Ref is_slow_call_;
     Ref not_found_;
+    std::vector<Ref> answers_;  // each may run any code as it goes, which must not be locked out
     Pacer pacer_;
 };
 
