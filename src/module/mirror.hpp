@@ -41,6 +41,7 @@ void write_or_mark(SharedHealth& health, Write&& write, MarkAgain&& mark_again) 
     const auto error = error_of(write);
     if (error != nullptr) {
         health.run_surely(mark_again);
+        checked(PyErr_CheckSignals());  // which had to wait
         raise_again(error);
     }
 }
