@@ -134,17 +134,31 @@ def test_a_server_that_reads_no_more_holds_up_no_answer(guard):
 
 
 @pytest.mark.parametrize(("number", "status"), [(0, 7), (signal.SIGKILL, 137)])
-def test_a_server_that_dies_is_told_with_its_calls(guard, tmp_path, number, status):
-    client, words = guard(), f"the server ended with status {status}"
-    client.request("tools/call", {"name": "a"})
-    client.request("tools/call", {"name": "a", "arguments": {"signal": number}})
-    with pytest.raises(ValueError):  # the line that it left
-        client.receive()
-    assert [client.receive()["result"]["content"][0]["text"] for _ in range(2)] == [words] * 2
+def test_a_server_that_dies_is_told_and_started_again(guard, tmp_path, number, status):
+    client, words, dying = guard(), f"the server ended with status {status}", {"signal": number}
+    assert client.ask("initialize", {"answer": OK})["result"] == OK["result"]
+    client.send(line_of({"method": "notifications/initialized", "params": {"requestId": 0}}))
+    told = [client.receive(), client.receive()]
+    for _ in range(2):  # in a row, with nothing answered between
+        client.request("other")
+        client.request("tools/call", {"name": "a", "arguments": dying})
+        with pytest.raises(ValueError):  # the line that it left
+            client.receive()
+        assert client.receive()["error"] == {"code": -32603, "message": words}
+        assert client.receive()["result"]["content"][0]["text"] == words
+        assert [client.receive(), client.receive()] == told  # hands are shaken again
+    assert "disabled" in client.call("a", dying)["content"][0]["text"]
+    assert client.ask("other", {"answer": OK})["pid"] and client.end() == 0
+    assert client.daemon.stderr.read().decode().count(f"{words}, and is started again\n") == 2
+    assert recorded(tmp_path) == (2, words, {(None, "error"): 2, (None, "disabled"): 1})
+    useless = guard(tools=None)
+    useless.request("initialize", dying)
+    with pytest.raises(ValueError):
+        useless.receive()
+    assert useless.receive()["error"]["message"] == words
     with pytest.raises(EOFError, match=str(status)):
-        client.receive()
-    assert client.daemon.stderr.read().decode().endswith(f"quillet: {words}\n")
-    assert recorded(tmp_path) == (2, words, {(None, "error"): 2})
+        useless.receive()
+    assert useless.daemon.stderr.read().decode().endswith(f"quillet: {words}\n")
 
 
 @pytest.mark.parametrize(

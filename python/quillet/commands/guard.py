@@ -18,7 +18,7 @@ def main(options: argparse.Namespace) -> int:
         relay = Relay(options.server, watch, ending, options.timeout)
         status = await ending.status
         relay.stop()
-        watch.end_open(None)
+        watch.end()
         return status
 
     # Which tools there are, the server says once it is asked: until then no history is forgotten.

@@ -7,16 +7,19 @@ import subprocess
 import threading
 import time
 from collections.abc import Callable, Sequence
+from concurrent.futures import ThreadPoolExecutor
 from contextlib import suppress
+from functools import partial
 from queue import SimpleQueue
 
+from quillet.diagnostics import complain
 from quillet.guard.watch import Watch
 from quillet.keeper.ending import Ending
 
 SILENT_S = 5.0  # how long a server that is to end may take from one message to the next
 SIGNALLED_S = 0.5  # and from a signal on, the guard's own among them
 TICK_S = 0.1  # how much later than asked for a call may be given up
-# The server is killed when this thread of the guard ends, however that comes.
+# The server is killed when the thread that started it ends, however that comes.
 LAST_WILL = ("setpriv", "--pdeathsig", "KILL", "--")
 
 
@@ -35,12 +38,10 @@ class Relay:
         self._to_client, self._to_server = threading.Lock(), threading.Lock()
         self._cancels: SimpleQueue[bytes] = SimpleQueue()
         self._leaving, self._last_sent_at = False, 0.0
-        # A session of its own: Ctrl-C is the guard's, and all that the server starts ends with it.
-        self._server = subprocess.Popen(
-            [*LAST_WILL, *command], stdin=-1, stdout=-1, start_new_session=True
-        )
-        assert self._server.stdin and self._server.stdout
-        self._input, self._output = self._server.stdin.fileno(), self._server.stdout
+        self._command = [*LAST_WILL, *command]
+        self._starter, self._starting = ThreadPoolExecutor(1, "starter"), threading.Lock()
+        self._input = os.open(os.devnull, os.O_WRONLY)  # the number of every server's input
+        self._start()
         self._down = self._thread("standard output", self._server_to_client)
         self._thread("standard input", self._client_to_server)
         if timeout_s is not None:
@@ -49,7 +50,7 @@ class Relay:
 
     def stop(self) -> None:
         """Ends the server, and hands on what it wrote last."""
-        self._leaving = True
+        self._leave()
         self._end_server(SIGNALLED_S)
         self._down.join(SIGNALLED_S)
 
@@ -67,16 +68,37 @@ class Relay:
         thread.start()
         return thread
 
+    def _start(self) -> bool:
+        """Starts the server, unless the guard is leaving.
+
+        In a session of its own: Ctrl-C is the guard's, and all that the server starts ends with it.
+        """
+        with self._starting:
+            if not self._leaving:
+                popen: partial[subprocess.Popen[bytes]]
+                popen = partial(subprocess.Popen, stdin=-1, stdout=-1, start_new_session=True)
+                self._server = self._starter.submit(popen, self._command).result()
+                assert self._server.stdin
+                os.dup2(self._server.stdin.fileno(), self._input)
+                self._server.stdin.close()
+            return not self._leaving
+
+    def _leave(self) -> None:
+        """Has no server started any more."""
+        with self._starting:
+            self._leaving, self._last_sent_at = True, time.monotonic()
+
     def _client_to_server(self) -> None:
         os.set_blocking(0, True)
         with open(0, "rb", closefd=False) as source:
             for line in source:
-                answer = self._watch.from_client(line)
+                with self._to_server:  # a request is open at one server, or sent to the next
+                    answer = self._watch.from_client(line)
+                    if answer is None:
+                        self._tell_server(line)
                 if answer:
                     self._tell_client(answer)
-                else:
-                    self._tell_server(line)
-        self._leaving, self._last_sent_at = True, time.monotonic()
+        self._leave()
         self._hang_up()
         while self._down.is_alive() and (
             self._to_client.locked() or time.monotonic() < self._last_sent_at + SILENT_S
@@ -86,19 +108,30 @@ class Relay:
 
     def _server_to_client(self) -> None:
         os.set_blocking(1, True)
-        line = b"\n"
-        for line in self._output:
-            self._tell_client(self._watch.from_server(line))
-        if not self._leaving:
-            self._end_server(SILENT_S)
-            status = self._server.wait()
-            status = status if status >= 0 else 128 - status
-            why = f"the server ended with status {status}"
-            answers = self._watch.end_open(why)
-            if answers and not line.endswith(b"\n"):
-                self._tell_client(b"\n")
-            self._tell_client(answers)
-            self._ending.end(status, why)
+        started = True
+        while started:
+            assert self._server.stdout
+            line = b"\n"
+            for line in self._server.stdout:
+                self._tell_client(self._watch.from_server(line))
+            if self._leaving:
+                return
+            while not self._to_server.acquire(timeout=SILENT_S):
+                self._end_server(0)  # it does not even read
+            try:
+                self._end_server(SILENT_S)
+                status = self._server.wait()
+                status = status if status >= 0 else 128 - status
+                why = f"the server ended with status {status}"
+                answers, handshake = self._watch.server_ended(why)
+                started = handshake is not None and self._start()
+                if started:
+                    complain(f"{why}, and is started again")
+                    self._tell_server(handshake or b"")
+            finally:
+                self._to_server.release()
+            self._tell_client(answers if line.endswith(b"\n") else b"\n" + answers)
+        self._ending.end(status, why)
 
     def _expire_calls(self, timeout_s: float) -> None:
         while True:
@@ -110,7 +143,9 @@ class Relay:
     def _send_cancels(self) -> None:
         """Sends the cancels, in a thread of its own: a server that hangs may not read them."""
         while True:
-            self._tell_server(self._cancels.get())
+            cancel = self._cancels.get()
+            with self._to_server:
+                self._tell_server(cancel)
 
     def _tell_client(self, lines: bytes) -> None:
         try:
@@ -122,14 +157,12 @@ class Relay:
             self._ending.end(1, f"standard output: {error}")
 
     def _tell_server(self, line: bytes) -> None:
+        """Under the lock."""
         try:
-            with self._to_server:
-                while line:
-                    line = line[os.write(self._input, line) :]
+            while line:
+                line = line[os.write(self._input, line) :]
         except BrokenPipeError:  # a server that reads no more can as well end
             self._end_server(SILENT_S)
-            self._down.join(SILENT_S)
-            self._ending.end(1, "the server does not read")
 
     def _hang_up(self) -> None:
         """Ends the server's input, with the descriptor kept open: a thread may be writing to it."""

@@ -5,7 +5,8 @@ import threading
 import time
 from collections import deque
 from contextlib import suppress
-from typing import Any, NamedTuple
+from dataclasses import dataclass
+from typing import Any
 
 from quillet.keeper.gate import ToolGate
 from quillet.keeper.next_try import tools_with_next_try
@@ -23,13 +24,27 @@ OWN_ENTRY = {
     "annotations": {"readOnlyHint": True, "openWorldHint": False},
 }
 CALLERS_FAULT = (messages.METHOD_NOT_FOUND, messages.INVALID_PARAMS)
+HANDSHAKE = "quillet: the server was started again"  # no client's id
 MAX_LATE = 1_000  # calls given up whose late answers are dropped, should they ever come
 
 
-class Call(NamedTuple):
-    """A call of a tool."""
+@dataclass(frozen=True)
+class Request:
+    """A request of the client's."""
 
     id: messages.Id
+    method: str
+
+    def failure(self, why: str) -> bytes:
+        """The line that says why it has no other answer."""
+        error = messages.ProtocolError(messages.INTERNAL_ERROR, why)
+        return messages.error_response(self.id, error)
+
+
+@dataclass(frozen=True)
+class Call(Request):
+    """A call of a tool."""
+
     tool: str
     action: str | None
     todays: bool  # of today's revision of the protocol
@@ -42,6 +57,9 @@ class Call(NamedTuple):
             result = revisions.todays_result(result, cacheable=False)
         return messages.line_of({"id": self.id, "result": result})
 
+    def failure(self, why: str) -> bytes:
+        return self.answer(why, failed=True)
+
     def cancel(self) -> bytes:
         """The line that cancels it."""
         params = {"requestId": self.id, "reason": "timeout"}
@@ -49,9 +67,9 @@ class Call(NamedTuple):
 
 
 class Watch:
-    """Knows the tools that were listed and the calls that are open; reads and writes nothing.
+    """Knows the tools that were listed and the requests that are open; reads and writes nothing.
 
-    Any thread may use it. The one that removes a call from `_open` ends it, so each ends once.
+    Any thread may use it. The one that removes a request from `_open` ends it, so each ends once.
     """
 
     def __init__(self, tracker: ToolHealthTracker, *, errors_disable: bool) -> None:
@@ -62,28 +80,36 @@ class Watch:
         # The tools that were listed, be it in an earlier run, with their actions.
         records = tracker.get_health_summary()
         self._tools: dict[str, list[Any]] = {record["tool_name"]: [] for record in records}
-        self._lists: set[Any] = set()
-        self._open: dict[Any, Call] = {}
+        self._open: dict[Any, Request] = {}
         self._late: deque[Any] = deque(maxlen=MAX_LATE)
+        self._handshake: list[bytes] = []
+        self._useful = False  # whether a request was answered, since the server was started
 
     def from_client(self, line: bytes) -> bytes | None:
         """What the client gets in the server's stead; None for what goes on to the server."""
         message = _read(line)
         match message.get("method"), message.get("id"), message.get("params"):
-            case "tools/list", str() | int() as id, _:
-                self._lists.add(id)
+            case "notifications/initialized", None, _:
+                self._handshake.append(line)
             case "notifications/cancelled", _, {"requestId": str() | int() as id}:
                 with self._lock:
-                    call = self._open.pop(id, None)
-                if call:
-                    self._count(call, Outcome.CANCELLED)
-            case "tools/call", str() | int() as id, {"name": str() as tool}:
+                    request = self._open.pop(id, None)
+                if isinstance(request, Call):
+                    self._count(request, Outcome.CANCELLED)
+            case "tools/call", str() | int() as id, {"name": str() as tool} if (
+                tool in self._tools or tool == OWN_TOOL
+            ):
                 return self._begin(id, tool, message["params"])
+            case str() as method, str() | int() as id, _:
+                if method == "initialize":
+                    with suppress(ValueError, RecursionError):  # it cannot be written as it was
+                        self._handshake = [messages.line_of({**message, "id": HANDSHAKE})]
+                self._wait_for(Request(id, method))
         return None
 
     def from_server(self, line: bytes) -> bytes:
         """What the client gets for a line of the server's: nothing for an answer too late."""
-        if not (self._open or self._lists or self._late):
+        if not (self._open or self._late):
             return line
         message = _read(line)
         id = message.get("id")
@@ -91,14 +117,14 @@ class Watch:
         if not answers or "method" in message:
             return line
         with self._lock:
-            call = self._open.pop(id, None)
-            if not call and id in self._late:
+            request = self._open.pop(id, None)
+            if not request and id in self._late:
                 self._late.remove(id)
                 return b""
-        if call:
-            self._end(call, message)
-        elif id in self._lists:
-            self._lists.remove(id)
+        self._useful = self._useful or request is not None
+        if isinstance(request, Call):
+            self._end(request, message)
+        elif request and request.method == "tools/list":
             return self._listed(message) or line
         return line
 
@@ -106,43 +132,57 @@ class Watch:
         """Gives up calls that take too long; for each, its answer and the line that cancels it."""
         latest = time.perf_counter() - timeout_s
         with self._lock:
-            calls = [call for call in self._open.values() if call.began <= latest]
+            calls = [c for c in self._open.values() if isinstance(c, Call) and c.began <= latest]
             for call in calls:
                 del self._open[call.id]
                 self._late.append(call.id)
         why = f"no answer within {timeout_s:g} s"
         return [(self._fail(call, why), call.cancel()) for call in calls]
 
-    def end_open(self, why: str | None) -> bytes:
-        """Ends all open calls: those that failed are answered, else nobody waits any more."""
+    def server_ended(self, why: str) -> tuple[bytes, bytes | None]:
+        """What the client gets, and what a server that is started again is told first.
+
+        None for the latter if starting it is in vain: it answered nothing and ran no tool. So each
+        start is paid for by a request of the client's, and a tool that ends it is disabled at last.
+        """
         with self._lock:
-            calls, self._open = self._open, {}
-        if why:
-            return b"".join(self._fail(call, why) for call in calls.values())
-        for call in calls.values():
-            self._count(call, Outcome.CANCELLED)
-        return b""
+            requests, self._open = self._open, {}
+            self._late.clear()  # what else it owed, nobody gives any more
+            if self._handshake:
+                self._late.append(HANDSHAKE)
+        useful = self._useful or any(isinstance(request, Call) for request in requests.values())
+        self._useful = False
+        answers = b"".join(self._fail(request, why) for request in requests.values())
+        return answers, b"".join(self._handshake) if useful else None
+
+    def end(self) -> None:
+        """Nobody waits for the calls that are open any more."""
+        with self._lock:
+            requests, self._open = self._open, {}
+        for request in requests.values():
+            if isinstance(request, Call):
+                self._count(request, Outcome.CANCELLED)
+
+    def _wait_for(self, request: Request) -> None:
+        with self._lock:
+            self._open.setdefault(request.id, request)  # an id in use is the server's to refuse
 
     def _begin(self, id: messages.Id, tool: str, params: dict[str, Any]) -> bytes | None:
-        """Answers a call, or leaves it to the server, as one of an unknown tool."""
+        """Answers a call, or leaves it to the server."""
         meta, arguments = params.get("_meta"), params.get("arguments")
         action = arguments.get("action") if isinstance(arguments, dict) else None
         known = isinstance(action, str) and action in self._tools.get(tool, ())
         todays = isinstance(meta, dict) and revisions.VERSION in meta
-        call = Call(id, tool, action if known else None, todays, time.perf_counter())
+        call = Call(id, "tools/call", tool, action if known else None, todays, time.perf_counter())
         if tool in self._tools:
             refusal = self._gate.refusal(tool)
             if refusal:
                 self._count(call, Outcome.DISABLED)
                 return call.answer(refusal, failed=True)
-            with self._lock:
-                self._open.setdefault(id, call)  # an id in use is the server's to refuse
-        elif tool == OWN_TOOL:
-            tools = tools_with_next_try(self._tracker)
-            return call.answer(
-                {"cooldown_s": self._tracker.cooldown_s, "tools": tools}, failed=False
-            )
-        return None
+            self._wait_for(call)
+            return None
+        tools = tools_with_next_try(self._tracker)
+        return call.answer({"cooldown_s": self._tracker.cooldown_s, "tools": tools}, failed=False)
 
     def _end(self, call: Call, message: dict[str, Any]) -> None:
         """Records how a call ended that the server has answered."""
@@ -160,11 +200,12 @@ class Watch:
                 self._gate.succeeded(call.tool)
                 self._count(call, Outcome.OK, (time.perf_counter() - call.began) * 1000)
 
-    def _fail(self, call: Call, why: str) -> bytes:
-        """Records a failure of the tool; returns the answer that tells of it."""
-        self._gate.failed(call.tool, why)
-        self._count(call, Outcome.ERROR)
-        return call.answer(why, failed=True)
+    def _fail(self, request: Request, why: str) -> bytes:
+        """Records a failure, if a tool was called; returns the answer that tells of it."""
+        if isinstance(request, Call):
+            self._gate.failed(request.tool, why)
+            self._count(request, Outcome.ERROR)
+        return request.failure(why)
 
     def _count(self, call: Call, outcome: Outcome, ms: float | None = None) -> None:
         self._tracker.record_call(call.tool, call.action, outcome, alias_hit=False, duration_ms=ms)
