@@ -7,13 +7,14 @@ import stat
 import threading
 import time
 from collections.abc import Iterator, Sequence
-from contextlib import contextmanager, suppress
+from contextlib import closing, contextmanager, suppress
 from functools import partial
 from pathlib import Path
 from typing import Any, BinaryIO
 
 BUSY_TIMEOUT_S = 10
 CLAIM_TIMEOUT_S = 1.0  # for a daemon that is just ending
+NOT_SAVED = "another daemon uses the database: what happens here is not saved"
 ESCAPED = "backslashreplace"  # what is not UTF-8
 # So ends a journal that names a further one: SQLite would delete the file of that name, wherever.
 SUPER_JOURNAL = bytes.fromhex("d9d505f920a163d7")
@@ -42,7 +43,8 @@ SCHEMA = """
 class Database:
     """One SQLite connection that any thread may use; a change is on disk when its call returns.
 
-    Errors name the file. A BlockingIOError says that another daemon has it.
+    Errors name the file. While another daemon has it, all is done in a copy in memory, and `notes`
+    has a warning for whoever asks how the tools fare.
     """
 
     def __init__(self, path: Path) -> None:
@@ -50,11 +52,16 @@ class Database:
         self._lock = threading.Lock()
         refuse_strange_files(self.path)
         self._claim = _claim(self.path)
+        self.notes = {} if self._claim else {"warning": NOT_SAVED}
         with self._naming_the_file():
             self._connection = sqlite3.connect(self.path, BUSY_TIMEOUT_S, check_same_thread=False)
+            refuse_schema_code(self._connection)
+            if not self._claim:
+                with closing(self._connection) as original:
+                    self._connection = sqlite3.connect(":memory:", check_same_thread=False)
+                    original.backup(self._connection)
             # A text that was damaged from outside does not hide the others.
             self._connection.text_factory = partial(str, encoding="utf-8", errors=ESCAPED)
-            refuse_schema_code(self._connection)
             self._connection.executescript(SCHEMA)
         self._file = _identity(self.path)
 
@@ -77,14 +84,15 @@ class Database:
     def close(self) -> None:
         with self._lock:
             self._connection.close()
-            self._claim.close()
+            if self._claim:
+                self._claim.close()
 
     @contextmanager
     def _writing(self) -> Iterator[None]:
         """One transaction; an error if the file was removed or replaced, and the write is lost."""
         with self._lock, self._naming_the_file(), self._connection:
             yield
-            if _identity(self.path) != self._file:
+            if self._claim and _identity(self.path) != self._file:
                 raise sqlite3.OperationalError("was removed or replaced while in use")
 
     @contextmanager
@@ -114,8 +122,8 @@ def refuse_schema_code(connection: sqlite3.Connection) -> None:
         raise sqlite3.DatabaseError(f"has the {found[0]} {found[1]!r}, only plain tables are used")
 
 
-def _claim(path: Path) -> BinaryIO:
-    """The database's lock file, held until it is closed or the process ends.
+def _claim(path: Path) -> BinaryIO | None:
+    """The database's lock file, held until it is closed or the process ends; None if another is.
 
     It is never removed: two daemons would each hold a file of that name.
     """
@@ -130,7 +138,7 @@ def _claim(path: Path) -> BinaryIO:
         except BlockingIOError:
             if time.monotonic() > deadline:
                 file.close()
-                raise BlockingIOError(f"{path}: another daemon is using it") from None
+                return None
         time.sleep(CLAIM_TIMEOUT_S / 20)
 
 

@@ -7,14 +7,18 @@ from quillet.guard.watch import Watch
 from quillet.keeper import lifecycle
 from quillet.keeper.ending import Ending
 from quillet.keeper.stored_health import register_every_tool
+from quillet.repository import Repository
 from quillet.tool_handlers import health
 
 
 def main(options: argparse.Namespace) -> int:
     """Guards the server until a side leaves or a signal comes; returns the exit status."""
 
-    async def guard(_: object, tracker: health.ToolHealthTracker, ending: Ending) -> int:
-        watch = Watch(tracker, errors_disable=options.disable_on == "errors")
+    async def guard(
+        repository: Repository, tracker: health.ToolHealthTracker, ending: Ending
+    ) -> int:
+        errors_disable = options.disable_on == "errors"
+        watch = Watch(tracker, repository.db.notes, errors_disable=errors_disable)
         relay = Relay(options.server, watch, ending, options.timeout)
         status = await ending.status
         relay.stop()

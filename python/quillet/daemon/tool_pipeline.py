@@ -35,7 +35,7 @@ class ToolPipeline:
     ) -> None:
         self._tracker = tracker
         self._gate = ToolGate(tracker)
-        self._context = ToolContext(repository.root, tracker, THREAD_BUDGET)
+        self._context = ToolContext(repository.root, tracker, repository.db.notes, THREAD_BUDGET)
         self._handlers = handlers
 
     async def call(self, tool: str, arguments: Mapping[str, Any]) -> Answer:

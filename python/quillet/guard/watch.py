@@ -4,6 +4,7 @@ import json
 import threading
 import time
 from collections import deque
+from collections.abc import Mapping
 from contextlib import suppress
 from dataclasses import dataclass
 from typing import Any
@@ -72,8 +73,10 @@ class Watch:
     Any thread may use it. The one that removes a request from `_open` ends it, so each ends once.
     """
 
-    def __init__(self, tracker: ToolHealthTracker, *, errors_disable: bool) -> None:
-        self._tracker = tracker
+    def __init__(
+        self, tracker: ToolHealthTracker, notes: Mapping[str, str], *, errors_disable: bool
+    ) -> None:
+        self._tracker, self._notes = tracker, notes
         self._gate = ToolGate(tracker)
         self._errors_disable = errors_disable
         self._lock = threading.Lock()
@@ -182,7 +185,8 @@ class Watch:
             self._wait_for(call)
             return None
         tools = tools_with_next_try(self._tracker)
-        return call.answer({"cooldown_s": self._tracker.cooldown_s, "tools": tools}, failed=False)
+        health = {"cooldown_s": self._tracker.cooldown_s, "tools": tools, **self._notes}
+        return call.answer(health, failed=False)
 
     def _end(self, call: Call, message: dict[str, Any]) -> None:
         """Records how a call ended that the server has answered."""

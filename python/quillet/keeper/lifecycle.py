@@ -38,6 +38,8 @@ async def _run(options: argparse.Namespace, serve: Serve) -> int:
         if ending.status.done():
             return ending.status.result()
         repository, tracker = opening.result()
+        for note in repository.db.notes.values():
+            complain(f"{repository.db.path}: {note}")
         with Flusher(tracker) as flusher:
             status = await serve(repository, tracker, ending)
     except START_ERRORS as error:

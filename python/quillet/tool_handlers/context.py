@@ -1,5 +1,6 @@
 """What the daemon hands to every handler beside the call's arguments."""
 
+from collections.abc import Mapping
 from pathlib import Path
 from typing import NamedTuple
 
@@ -7,8 +8,9 @@ from quillet.tool_handlers.health import ToolHealthTracker
 
 
 class ToolContext(NamedTuple):
-    """The repository's folder, its tools' health, and the most threads that the pools allow."""
+    """The repository's folder, its tools' health with notes on it, and the threads' budget."""
 
     root: Path
     tracker: ToolHealthTracker
-    thread_budget: int
+    notes: Mapping[str, str]
+    thread_budget: int  # the most that the pools allow

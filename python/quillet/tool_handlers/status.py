@@ -14,6 +14,7 @@ def perf_stats(context: ToolContext) -> dict[str, Any]:
         "tools": context.tracker.get_health_summary(),
         "cooldown_s": context.tracker.cooldown_s,
         "threads": threads(context),
+        **context.notes,
     }
 
 
