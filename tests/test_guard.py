@@ -20,6 +20,7 @@ for line in sys.stdin:
     params = (message := json.loads(line)).get("params", {})
     do, answers = params.get("arguments", params), []
     time.sleep(do.get("sleep", 0))
+    for said in do.get("says", []): print(json.dumps(said), flush=True); time.sleep(0.2)
     if "signal" in do: os.write(1, b'{"id": '); os.kill(os.getpid(), do["signal"]); os._exit(7)
     if "answer" in do: answers = [{"id": message["id"], "pid": os.getpid()} | do["answer"]]
     if "requestId" in do: answers = [{"told": do}, {"id": do["requestId"], "result": {}}]
@@ -46,8 +47,16 @@ def guard(tmp_path):
     (tmp_path / "config").write_text("[tools]\ndisable_after_errors = 2")
     started = []
 
-    def guard(*more, server=PYTHON, tools=TOOLS, kind=Client):
-        command = [*around(tmp_path), "--config", tmp_path / "config", *more, "--", *server]
+    def guard(*more, server=PYTHON, tools=TOOLS, kind=Client, before=()):
+        command = [
+            *before,
+            *around(tmp_path),
+            "--config",
+            tmp_path / "config",
+            *more,
+            "--",
+            *server,
+        ]
         started.append(kind(command, stderr=subprocess.PIPE))
         if tools:
             listed = started[-1].ask("tools/list", {"answer": {"result": {"tools": tools, "n": 1}}})
@@ -124,6 +133,38 @@ def test_a_call_that_takes_too_long_is_given_up_and_cancelled(guard, tmp_path):
     assert client.receive()["told"] and client.receive()["id"] == "mine" and client.end() == 0
     counts = {(None, outcome): 1 for outcome in ("ok", "error", "cancelled")}
     assert recorded(tmp_path) == (1, words, counts)
+
+
+PROGRESS = {"method": "notifications/progress", "params": {"progressToken": "p"}}
+QUESTION = {"id": 9, "method": "elicitation/create"}
+
+
+@pytest.mark.parametrize("said", [PROGRESS, QUESTION])
+def test_no_call_is_given_up_that_makes_progress_or_waits_for_the_client(guard, said):
+    client, words = guard("--timeout", "0.3"), {"answer": OK, "says": [said] * 5}
+    params = {"name": "a", "arguments": words, "_meta": {"progressToken": "p"}}
+    client.request("tools/call", params)
+    assert [client.receive() for _ in range(5)] == [said] * 5
+    assert client.receive()["result"] == OK["result"]
+    client.send(line_of({"id": 9, "result": {}}))
+    assert client.call("a")["isError"]
+
+
+def test_no_call_is_given_up_that_was_answered_in_time(guard, tmp_path):
+    slow_reader = ["bash", "-c", '"$@" | { read -r line; echo "$line"; sleep 1; cat; }', "sh"]
+    client = guard("--timeout", "0.3", before=slow_reader)
+    for _ in range(9):
+        answer = {"result": {"content": [], "x": "x" * 30_000}}
+        client.request("tools/call", {"name": "a", "arguments": {"answer": answer}})
+    assert all("x" in client.receive()["result"] for _ in range(9)) and client.end() == 0
+    client = guard("--timeout", "0.3")
+    client.request("tools/call", {"name": "a", "arguments": {"answer": OK, "sleep": 0.2}})
+    time.sleep(0.1)
+    client.daemon.send_signal(signal.SIGSTOP)
+    time.sleep(0.5)
+    client.daemon.send_signal(signal.SIGCONT)
+    assert client.receive()["result"] == OK["result"] and client.end() == 0
+    assert recorded(tmp_path)[2] == {(None, "ok"): 10}
 
 
 def test_a_server_that_reads_no_more_holds_up_no_answer(guard):

@@ -25,11 +25,12 @@ OWN_ENTRY = {
     "annotations": {"readOnlyHint": True, "openWorldHint": False},
 }
 CALLERS_FAULT = (messages.METHOD_NOT_FOUND, messages.INVALID_PARAMS)
+ANSWERS = ("result", "error")
 HANDSHAKE = "quillet: the server was started again"  # no client's id
 MAX_LATE = 1_000  # calls given up whose late answers are dropped, should they ever come
 
 
-@dataclass(frozen=True)
+@dataclass
 class Request:
     """A request of the client's."""
 
@@ -42,14 +43,16 @@ class Request:
         return messages.error_response(self.id, error)
 
 
-@dataclass(frozen=True)
+@dataclass
 class Call(Request):
     """A call of a tool."""
 
     tool: str
     action: str | None
     todays: bool  # of today's revision of the protocol
+    progress: Any  # the token of its progress
     began: float
+    alive: float  # when it last made itself heard, by the watch's clock
 
     def answer(self, content: Any, *, failed: bool) -> bytes:
         """The line that answers it."""
@@ -60,11 +63,6 @@ class Call(Request):
 
     def failure(self, why: str) -> bytes:
         return self.answer(why, failed=True)
-
-    def cancel(self) -> bytes:
-        """The line that cancels it."""
-        params = {"requestId": self.id, "reason": "timeout"}
-        return messages.line_of({"method": "notifications/cancelled", "params": params})
 
 
 class Watch:
@@ -84,6 +82,8 @@ class Watch:
         records = tracker.get_health_summary()
         self._tools: dict[str, list[Any]] = {record["tool_name"]: [] for record in records}
         self._open: dict[Any, Request] = {}
+        self._clock_s = 0.0
+        self._questions: set[messages.Id] = set()  # what the server asks the client
         self._late: deque[Any] = deque(maxlen=MAX_LATE)
         self._handshake: list[bytes] = []
         self._useful = False  # whether a request was answered, since the server was started
@@ -94,6 +94,8 @@ class Watch:
         match message.get("method"), message.get("id"), message.get("params"):
             case "notifications/initialized", None, _:
                 self._handshake.append(line)
+            case None, str() | int() as id, _:
+                self._questions.discard(id)
             case "notifications/cancelled", _, {"requestId": str() | int() as id}:
                 with self._lock:
                     request = self._open.pop(id, None)
@@ -112,13 +114,21 @@ class Watch:
 
     def from_server(self, line: bytes) -> bytes:
         """What the client gets for a line of the server's: nothing for an answer too late."""
-        if not (self._open or self._late):
+        if not (self._open or self._late or b'"id"' in line):
             return line
         message = _read(line)
-        id = message.get("id")
-        answers = isinstance(id, str | int | float) and ("result" in message or "error" in message)
-        if not answers or "method" in message:
-            return line
+        match message.get("method"), message.get("id"), message.get("params"):
+            case str(), str() | int() as id, _:
+                self._questions.add(id)
+            case "notifications/cancelled", _, {"requestId": str() | int() as id}:
+                self._questions.discard(id)
+            case "notifications/progress", _, {"progressToken": token}:
+                self._heard_of(token)
+            case None, str() | int() | float() as id, _ if not message.keys().isdisjoint(ANSWERS):
+                return self._answered(id, message, line)
+        return line
+
+    def _answered(self, id: Any, message: dict[str, Any], line: bytes) -> bytes:
         with self._lock:
             request = self._open.pop(id, None)
             if not request and id in self._late:
@@ -131,16 +141,20 @@ class Watch:
             return self._listed(message) or line
         return line
 
-    def expired(self, timeout_s: float) -> list[tuple[bytes, bytes]]:
-        """Gives up calls that take too long; for each, its answer and the line that cancels it."""
-        latest = time.perf_counter() - timeout_s
+    def pass_time(self, span_s: float, timeout_s: float) -> list[tuple[bytes, bytes]]:
+        """Gives up calls that take too long; for each, its answer and the line that cancels it.
+
+        No time passes while the client is to answer the server: a person may have to decide.
+        """
         with self._lock:
-            calls = [c for c in self._open.values() if isinstance(c, Call) and c.began <= latest]
+            self._clock_s += 0 if self._questions else span_s
+            latest = self._clock_s - span_s - timeout_s  # a call may have come late in a span
+            calls = [c for c in self._open.values() if isinstance(c, Call) and c.alive <= latest]
             for call in calls:
                 del self._open[call.id]
                 self._late.append(call.id)
         why = f"no answer within {timeout_s:g} s"
-        return [(self._fail(call, why), call.cancel()) for call in calls]
+        return [(self._fail(call, why), _cancel(call.id, "timeout")) for call in calls]
 
     def server_ended(self, why: str) -> tuple[bytes, bytes | None]:
         """What the client gets, and what a server that is started again is told first.
@@ -156,6 +170,8 @@ class Watch:
         useful = self._useful or any(isinstance(request, Call) for request in requests.values())
         self._useful = False
         answers = b"".join(self._fail(request, why) for request in requests.values())
+        while self._questions:
+            answers += _cancel(self._questions.pop(), why)
         return answers, b"".join(self._handshake) if useful else None
 
     def end(self) -> None:
@@ -166,6 +182,13 @@ class Watch:
             if isinstance(request, Call):
                 self._count(request, Outcome.CANCELLED)
 
+    def _heard_of(self, token: Any) -> None:
+        """Puts off the end of the call that has made progress."""
+        with self._lock:
+            for call in self._open.values():
+                if isinstance(call, Call) and token is not None and call.progress == token:
+                    call.alive = self._clock_s
+
     def _wait_for(self, request: Request) -> None:
         with self._lock:
             self._open.setdefault(request.id, request)  # an id in use is the server's to refuse
@@ -175,8 +198,10 @@ class Watch:
         meta, arguments = params.get("_meta"), params.get("arguments")
         action = arguments.get("action") if isinstance(arguments, dict) else None
         known = isinstance(action, str) and action in self._tools.get(tool, ())
-        todays = isinstance(meta, dict) and revisions.VERSION in meta
-        call = Call(id, "tools/call", tool, action if known else None, todays, time.perf_counter())
+        meta = meta if isinstance(meta, dict) else {}
+        todays, progress = revisions.VERSION in meta, meta.get("progressToken")
+        times = time.perf_counter(), self._clock_s
+        call = Call(id, "tools/call", tool, action if known else None, todays, progress, *times)
         if tool in self._tools:
             refusal = self._gate.refusal(tool)
             if refusal:
@@ -224,6 +249,12 @@ class Watch:
                     with suppress(ValueError, RecursionError):  # it cannot be written as it was
                         return messages.line_of(message)
         return None
+
+
+def _cancel(id: messages.Id, reason: str) -> bytes:
+    """The line that cancels a request."""
+    params = {"requestId": id, "reason": reason}
+    return messages.line_of({"method": "notifications/cancelled", "params": params})
 
 
 def _read(line: bytes) -> dict[str, Any]:
