@@ -22,6 +22,7 @@ for line in sys.stdin:
     time.sleep(do.get("sleep", 0))
     for said in do.get("says", []): print(json.dumps(said), flush=True); time.sleep(0.2)
     if "signal" in do: os.write(1, b'{"id": '); os.kill(os.getpid(), do["signal"]); os._exit(7)
+    if "raw" in do: os.write(1, do["raw"].encode("latin-1"))
     if "answer" in do: answers = [{"id": message["id"], "pid": os.getpid()} | do["answer"]]
     if "requestId" in do: answers = [{"told": do}, {"id": do["requestId"], "result": {}}]
     for answer in answers: print(json.dumps(answer), flush=True)
@@ -32,7 +33,8 @@ time.sleep(60 * len(sys.argv[1:]))
 PYTHON = [sys.executable, "-c", SERVER]
 TOOLS = [{"name": "a", "inputSchema": {"properties": {"action": {"enum": ["x"]}}}}, {"name": ["b"]}]
 OK, FAILED = {"result": {"content": []}}, {"error": {"code": -32000, "message": "it broke"}}
-IS_ERROR = {"result": {"isError": True, "content": [{"type": "text", "text": "no file"}]}}
+SAYS_SO = [{"type": "image", "data": ""}, {"type": "text", "text": "no file"}]
+IS_ERROR = {"result": {"isError": True, "content": SAYS_SO}}
 ASKS, INVALID = {"result": {"resultType": "input_required"}}, {"error": {"code": -32602}}
 ALL = [OK, FAILED, INVALID, {"error": {"code": -32601}}, ASKS, OK, FAILED, IS_ERROR]
 
@@ -108,8 +110,10 @@ def test_what_counts_as_an_error_and_for_how_long(guard, tmp_path, mode):
     assert disabled["isError"] and disabled["resultType"] == "complete"
     told = disabled["content"][0]["text"]
     assert told.startswith("a kept failing and is disabled; it is tried again at ")
-    assert told.endswith(f"last error: {last_error}") and client.end() == 0
-    usage = {("x", "ok"): 1, (None, "ok"): 3, (None, "invalid"): 2, (None, "disabled"): 1}
+    assert told.endswith(f"last error: {last_error}")
+    assert client.ask("tools/call", {"name": "a", "task": {}})["error"]["code"] == -32603
+    assert client.end() == 0
+    usage = {("x", "ok"): 1, (None, "ok"): 3, (None, "invalid"): 2, (None, "disabled"): 2}
     usage[None, "error"] = 5 if lenient else 3
     assert recorded(tmp_path) == (4 if lenient else 3, last_error, usage)
     again = guard(tools=None)  # the history says which tools there are
@@ -133,6 +137,25 @@ def test_a_call_that_takes_too_long_is_given_up_and_cancelled(guard, tmp_path):
     assert client.receive()["told"] and client.receive()["id"] == "mine" and client.end() == 0
     counts = {(None, outcome): 1 for outcome in ("ok", "error", "cancelled")}
     assert recorded(tmp_path) == (1, words, counts)
+
+
+def test_odd_answers_are_those_of_their_calls(guard, tmp_path):
+    client = guard("--timeout", "0.6")
+    raw = {"raw": '{"id": 7, "result": "\xe9"}\n'}
+    client.request("tools/call", {"name": "a", "arguments": raw}, id=7)
+    with pytest.raises(ValueError, match="0xe9"):
+        client.receive()
+    client.request("tools/call", {"name": "a", "arguments": {"answer": OK | {"id": "8"}}}, id=8)
+    assert client.receive()["id"] == "8"
+    client.request("tools/call", {"name": "a", "arguments": {"sleep": 0.9}}, id="x")
+    assert client.receive()["result"]["isError"]  # and the id is free again
+    client.request("tools/call", {"name": "a"}, id="x")
+    client.cancel("x")
+    client.request("tools/call", {"name": "a", "arguments": {"answer": OK}}, id="x")
+    assert client.receive()["told"]["requestId"] == "x" != client.receive()["told"]["requestId"]
+    last = client.receive()
+    assert (last["id"], last["result"], client.end()) == ("x", OK["result"], 0)
+    assert recorded(tmp_path)[2] == {(None, "ok"): 3, (None, "error"): 1, (None, "cancelled"): 1}
 
 
 PROGRESS = {"method": "notifications/progress", "params": {"progressToken": "p"}}

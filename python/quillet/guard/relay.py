@@ -94,9 +94,8 @@ class Relay:
         with open(0, "rb", closefd=False) as source:
             for line in source:
                 with self._to_server:  # a request is open at one server, or sent to the next
-                    answer = self._watch.from_client(line)
-                    if answer is None:
-                        self._tell_server(line)
+                    answer, line = self._watch.from_client(line)
+                    self._tell_server(line)
                 if answer:
                     self._tell_client(answer)
         self._leave()

@@ -1,5 +1,6 @@
 """What a guard makes of the messages that go by: which it answers itself, and what it records."""
 
+import itertools
 import json
 import threading
 import time
@@ -50,6 +51,7 @@ class Call(Request):
     tool: str
     action: str | None
     todays: bool  # of today's revision of the protocol
+    task: bool  # a result would have to be a task's
     progress: Any  # the token of its progress
     began: float
     alive: float  # when it last made itself heard, by the watch's clock
@@ -62,7 +64,7 @@ class Call(Request):
         return messages.line_of({"id": self.id, "result": result})
 
     def failure(self, why: str) -> bytes:
-        return self.answer(why, failed=True)
+        return super().failure(why) if self.task else self.answer(why, failed=True)
 
 
 class Watch:
@@ -85,11 +87,12 @@ class Watch:
         self._clock_s = 0.0
         self._questions: set[messages.Id] = set()  # what the server asks the client
         self._late: deque[Any] = deque(maxlen=MAX_LATE)
+        self._others = map("quillet: {}".format, itertools.count(1))  # no client's ids
         self._handshake: list[bytes] = []
         self._useful = False  # whether a request was answered, since the server was started
 
-    def from_client(self, line: bytes) -> bytes | None:
-        """What the client gets in the server's stead; None for what goes on to the server."""
+    def from_client(self, line: bytes) -> tuple[bytes, bytes]:
+        """What the client gets in the server's stead, and what goes on to the server."""
         message = _read(line)
         match message.get("method"), message.get("id"), message.get("params"):
             case "notifications/initialized", None, _:
@@ -98,19 +101,25 @@ class Watch:
                 self._questions.discard(id)
             case "notifications/cancelled", _, {"requestId": str() | int() as id}:
                 with self._lock:
-                    request = self._open.pop(id, None)
+                    sent = id
+                    if id not in self._open:
+                        sent = next((key for key, r in self._open.items() if r.id == id), id)
+                    request = self._open.pop(sent, None)
+                    if sent != id:
+                        self._late.append(sent)
                 if isinstance(request, Call):
                     self._count(request, Outcome.CANCELLED)
+                if sent != id:
+                    line = _with(message, line, params=message["params"] | {"requestId": sent})
             case "tools/call", str() | int() as id, {"name": str() as tool} if (
                 tool in self._tools or tool == OWN_TOOL
             ):
-                return self._begin(id, tool, message["params"])
+                return self._begin(id, tool, message, line)
             case str() as method, str() | int() as id, _:
                 if method == "initialize":
-                    with suppress(ValueError, RecursionError):  # it cannot be written as it was
-                        self._handshake = [messages.line_of({**message, "id": HANDSHAKE})]
-                self._wait_for(Request(id, method))
-        return None
+                    self._handshake = [_with(message, b"", id=HANDSHAKE)]
+                line = self._sent(Request(id, method), message, line)
+        return b"", line
 
     def from_server(self, line: bytes) -> bytes:
         """What the client gets for a line of the server's: nothing for an answer too late."""
@@ -129,16 +138,21 @@ class Watch:
         return line
 
     def _answered(self, id: Any, message: dict[str, Any], line: bytes) -> bytes:
+        if id not in self._open and isinstance(id, str) and id.isdecimal() and len(id) < 20:
+            id = int(id)  # as clients take it
         with self._lock:
             request = self._open.pop(id, None)
             if not request and id in self._late:
                 self._late.remove(id)
                 return b""
-        self._useful = self._useful or request is not None
-        if isinstance(request, Call):
-            self._end(request, message)
-        elif request and request.method == "tools/list":
-            return self._listed(message) or line
+        if request:
+            self._useful = True
+            if id != request.id:
+                message["id"], line = request.id, _with(message, line, id=request.id)
+            if isinstance(request, Call):
+                self._end(request, message)
+            elif request.method == "tools/list":
+                return self._listed(message, line)
         return line
 
     def pass_time(self, span_s: float, timeout_s: float) -> list[tuple[bytes, bytes]]:
@@ -149,12 +163,16 @@ class Watch:
         with self._lock:
             self._clock_s += 0 if self._questions else span_s
             latest = self._clock_s - span_s - timeout_s  # a call may have come late in a span
-            calls = [c for c in self._open.values() if isinstance(c, Call) and c.alive <= latest]
-            for call in calls:
-                del self._open[call.id]
-                self._late.append(call.id)
+            calls = {
+                id: call
+                for id, call in self._open.items()
+                if isinstance(call, Call) and call.alive <= latest
+            }
+            for id in calls:
+                del self._open[id]
+                self._late.append(id)
         why = f"no answer within {timeout_s:g} s"
-        return [(self._fail(call, why), _cancel(call.id, "timeout")) for call in calls]
+        return [(self._fail(call, why), _cancel(id, "timeout")) for id, call in calls.items()]
 
     def server_ended(self, why: str) -> tuple[bytes, bytes | None]:
         """What the client gets, and what a server that is started again is told first.
@@ -189,29 +207,38 @@ class Watch:
                 if isinstance(call, Call) and token is not None and call.progress == token:
                     call.alive = self._clock_s
 
-    def _wait_for(self, request: Request) -> None:
-        with self._lock:
-            self._open.setdefault(request.id, request)  # an id in use is the server's to refuse
+    def _sent(self, request: Request, message: dict[str, Any], line: bytes) -> bytes:
+        """Has a request wait for its answer; returns the line that asks the server for it.
 
-    def _begin(self, id: messages.Id, tool: str, params: dict[str, Any]) -> bytes | None:
+        With an id of its own while that id's former call, which was given up, may be answered.
+        """
+        with self._lock:
+            id = next(self._others) if request.id in self._late else request.id
+            self._open.setdefault(id, request)  # an id in use is the server's to refuse
+        return line if id == request.id else _with(message, line, id=id)
+
+    def _begin(
+        self, id: messages.Id, tool: str, message: dict[str, Any], line: bytes
+    ) -> tuple[bytes, bytes]:
         """Answers a call, or leaves it to the server."""
+        params = message["params"]
         meta, arguments = params.get("_meta"), params.get("arguments")
         action = arguments.get("action") if isinstance(arguments, dict) else None
         known = isinstance(action, str) and action in self._tools.get(tool, ())
         meta = meta if isinstance(meta, dict) else {}
         todays, progress = revisions.VERSION in meta, meta.get("progressToken")
+        kind = todays, "task" in params, progress
         times = time.perf_counter(), self._clock_s
-        call = Call(id, "tools/call", tool, action if known else None, todays, progress, *times)
+        call = Call(id, "tools/call", tool, action if known else None, *kind, *times)
         if tool in self._tools:
             refusal = self._gate.refusal(tool)
             if refusal:
                 self._count(call, Outcome.DISABLED)
-                return call.answer(refusal, failed=True)
-            self._wait_for(call)
-            return None
+                return call.failure(refusal), b""
+            return b"", self._sent(call, message, line)
         tools = tools_with_next_try(self._tracker)
         health = {"cooldown_s": self._tracker.cooldown_s, "tools": tools, **self._notes}
-        return call.answer(health, failed=False)
+        return call.answer(health, failed=False), b""
 
     def _end(self, call: Call, message: dict[str, Any]) -> None:
         """Records how a call ended that the server has answered."""
@@ -239,16 +266,14 @@ class Watch:
     def _count(self, call: Call, outcome: Outcome, ms: float | None = None) -> None:
         self._tracker.record_call(call.tool, call.action, outcome, alias_hit=False, duration_ms=ms)
 
-    def _listed(self, message: dict[str, Any]) -> bytes | None:
-        """Takes in a list of tools; returns it with one more if it is the last, else None."""
+    def _listed(self, message: dict[str, Any], line: bytes) -> bytes:
+        """Takes in a list of tools; returns it with one more if it is the last."""
         match message:
             case {"result": {"tools": list() as tools} as result}:
                 self._tools.update(map(_entry, tools))
                 if OWN_TOOL not in self._tools and result.get("nextCursor") is None:
-                    tools.append(OWN_ENTRY)
-                    with suppress(ValueError, RecursionError):  # it cannot be written as it was
-                        return messages.line_of(message)
-        return None
+                    return _with(message, line, result={**result, "tools": [*tools, OWN_ENTRY]})
+        return line
 
 
 def _cancel(id: messages.Id, reason: str) -> bytes:
@@ -260,10 +285,17 @@ def _cancel(id: messages.Id, reason: str) -> bytes:
 def _read(line: bytes) -> dict[str, Any]:
     """The line's message; empty if the line is no JSON object."""
     try:
-        message = json.loads(line.decode())
+        message = json.loads(line.decode(errors="replace"))
     except (ValueError, RecursionError):
         return {}
     return message if isinstance(message, dict) else {}
+
+
+def _with(message: dict[str, Any], line: bytes, **fields: Any) -> bytes:
+    """The message's line with some fields changed; as it was if it cannot be written so."""
+    with suppress(ValueError, RecursionError):
+        return messages.line_of(message | fields)
+    return line
 
 
 def _entry(tool: Any) -> tuple[str, list[Any]]:
@@ -284,6 +316,8 @@ def _words(failure: Any) -> str:
     match failure:
         case {"message": str() as words}:
             return words
-        case {"content": [{"text": str() as words}, *_]}:
-            return words
+        case {"content": [*parts]}:
+            for part in parts:
+                if isinstance(part, dict) and isinstance(part.get("text"), str):
+                    return str(part["text"])
     return json.dumps(failure)
