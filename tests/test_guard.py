@@ -246,6 +246,29 @@ def test_no_server_outlives_its_guard(guard, tmp_path, end, status):
     assert end == "KILL" or recorded(tmp_path)[2][None, "cancelled"] == 1
 
 
+def test_all_that_the_server_started_has_its_time(guard, tmp_path):
+    saves = (
+        f"trap 'sleep 0.2; >{tmp_path}/saved; exit' TERM; echo {{}}; while :; do sleep 0.01; done"
+    )
+    client = guard(tools=None, server=["sh", "-c", '"$@"; true', "sh", "sh", "-c", saves])
+    assert client.receive() == {}
+    client.daemon.terminate()
+    assert client.daemon.wait(9) == 143 and (tmp_path / "saved").exists()
+
+
+def test_the_end_of_a_client_is_seen_while_the_server_does_not_read(tmp_path):
+    hasty = "import runpy; from quillet.guard import relay; relay.SILENT_S = 0.2"
+    program = f"{hasty}; runpy.run_module('quillet', run_name='__main__')"
+    command = [sys.executable, "-P", "-c", program, *around(tmp_path)[4:], "--", "sleep", "60"]
+    with subprocess.Popen(["yes"], stdout=-1) as client:
+        guard = subprocess.Popen(command, stdin=client.stdout)
+        with pytest.raises(subprocess.TimeoutExpired):
+            guard.wait(0.7)
+        client.kill()
+        client.stdout.close()
+    assert guard.wait(9) == 0
+
+
 def test_hundreds_of_calls_pass_at_once(guard, tmp_path):
     client = guard(server=[*SERVE, "--repository", tmp_path], tools=None, kind=Agent)
     client.ask("tools/list")

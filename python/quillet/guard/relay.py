@@ -38,13 +38,14 @@ class Relay:
         self._watch, self._ending = watch, ending
         self._to_client, self._to_server = threading.Lock(), threading.Lock()
         self._cancels: SimpleQueue[bytes] = SimpleQueue()
-        self._leaving, self._last_sent_at = False, 0.0
+        self._leaving, self._moved_at = False, 0.0
         self._command = [*LAST_WILL, *command]
         self._starter, self._starting = ThreadPoolExecutor(1, "starter"), threading.Lock()
         self._input = os.open(os.devnull, os.O_WRONLY)  # the number of every server's input
         self._start()
         self._down = self._thread("standard output", self._server_to_client)
         self._thread("standard input", self._client_to_server)
+        self._thread("client", self._await_client)
         if timeout_s is not None:
             self._thread("timeout", self._expire_calls, timeout_s)
             self._thread("cancels", self._send_cancels)
@@ -87,7 +88,7 @@ class Relay:
     def _leave(self) -> None:
         """Has no server started any more."""
         with self._starting:
-            self._leaving, self._last_sent_at = True, time.monotonic()
+            self._leaving, self._moved_at = True, time.monotonic()
 
     def _client_to_server(self) -> None:
         os.set_blocking(0, True)
@@ -100,8 +101,19 @@ class Relay:
                     self._tell_client(answer)
         self._leave()
         self._hang_up()
+        self._await_last_words()
+
+    def _await_client(self) -> None:
+        """Sees the client go also while a server that does not read holds up what it wrote."""
+        end = select.poll()
+        end.register(0, select.POLLRDHUP)
+        end.poll()
+        self._moved_at = time.monotonic()
+        self._await_last_words()
+
+    def _await_last_words(self) -> None:
         while self._down.is_alive() and (
-            self._to_client.locked() or time.monotonic() < self._last_sent_at + SILENT_S
+            self._to_client.locked() or time.monotonic() < self._moved_at + SILENT_S
         ):
             self._down.join(TICK_S)
         self._ending.end(0)
@@ -154,7 +166,7 @@ class Relay:
             with self._to_client:
                 while lines:
                     lines = lines[os.write(1, lines) :]
-            self._last_sent_at = time.monotonic()
+            self._moved_at = time.monotonic()
         except OSError as error:
             self._ending.end(1, f"standard output: {error}")
 
@@ -163,6 +175,7 @@ class Relay:
         try:
             while line:
                 line = line[os.write(self._input, line) :]
+                self._moved_at = time.monotonic()
         except BrokenPipeError:  # a server that reads no more can as well end
             self._end_server(SILENT_S)
 
@@ -174,8 +187,15 @@ class Relay:
     def _end_server(self, patience_s: float) -> None:
         """Has the server and all that it started end."""
         self._hang_up()
-        for number, time_s in (0, patience_s), (signal.SIGTERM, SIGNALLED_S), (signal.SIGKILL, 1.0):
-            with suppress(OSError):
-                os.killpg(self._server.pid, number)
-            with suppress(subprocess.TimeoutExpired):
-                self._server.wait(time_s)
+        with suppress(subprocess.TimeoutExpired):
+            self._server.wait(patience_s)
+        with suppress(OSError):  # nobody is left of the group
+            os.killpg(self._server.pid, signal.SIGTERM)
+            deadline = time.monotonic() + SIGNALLED_S
+            while time.monotonic() < deadline:
+                self._server.poll()  # one that ended is of the group until then
+                os.killpg(self._server.pid, 0)
+                time.sleep(0.01)
+            os.killpg(self._server.pid, signal.SIGKILL)
+        with suppress(subprocess.TimeoutExpired):
+            self._server.wait(1.0)

@@ -8,7 +8,7 @@ from typing import Self
 from quillet.tool_handlers.health import ToolHealthTracker
 
 PERIOD_S = 2.0
-LAST_FLUSH_S = 5.0  # a disk or another process may keep the database for longer
+LAST_FLUSH_S = 0.8  # a disk or another process may take longer; a client kills 2 s after SIGTERM
 
 logger = logging.getLogger(__name__)
 
@@ -34,7 +34,9 @@ class Flusher:
     def __exit__(self, *_: object) -> None:
         self._stop.set()
         self._thread.join(LAST_FLUSH_S)
-        self.saved = self.saved and not self._thread.is_alive()
+        if self._thread.is_alive():
+            self.saved = False
+            logger.warning("Could not save the tool health within %g s at the end", LAST_FLUSH_S)
 
     def _work(self) -> None:
         while not self._stop.wait(PERIOD_S):
