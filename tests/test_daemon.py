@@ -7,6 +7,7 @@ import threading
 import time
 from contextlib import closing
 from types import SimpleNamespace
+from unittest import mock
 
 import pytest
 from quillet.config import ToolsConfig, read_tools_config
@@ -22,9 +23,11 @@ def test_disabling_and_return_are_told_once(repository, caplog):
     caplog.set_level("INFO")
     tracker, started = health.ToolHealthTracker(repository, ToolsConfig(1, 999)), time.time()
     tracker.record_error("count_lines", "e")
-    told = ToolGate(tracker)
+    watched = mock.Mock(wraps=tracker, cooldown_s=tracker.cooldown_s)
+    told = ToolGate(watched)
     for tool in ["read_file"] * 2:
         told.failed(tool, "e")
+    assert told.refusal("read_file") and watched.get_health_summary.call_count == 1
     for tool in ("count_lines", "count_lines", "status"):
         told.succeeded(tool)
     disabling, enabling = caplog.messages

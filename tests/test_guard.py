@@ -9,6 +9,7 @@ from contextlib import suppress
 
 import pytest
 from quillet.client import Client
+from quillet.guard.watch import Watch
 from quillet.protocol.messages import line_of
 from test_mcp import SERVE, Agent
 
@@ -158,6 +159,17 @@ def test_odd_answers_are_those_of_their_calls(guard, tmp_path):
     assert recorded(tmp_path)[2] == {(None, "ok"): 3, (None, "error"): 1, (None, "cancelled"): 1}
 
 
+def test_calls_are_given_up_one_by_one(tracker):
+    watch = Watch(tracker(), {}, errors_disable=False)
+    watch.from_client(line_of({"id": 0, "method": "tools/list"}))
+    watch.from_server(line_of({"id": 0, "result": {"tools": TOOLS}}))
+    for id in (1, 2):
+        watch.from_client(line_of({"id": id, "method": "tools/call", "params": {"name": "a"}}))
+    given_up, answer = watch.pass_time(9, 0), line_of({"id": 2} | OK)
+    assert json.loads(next(given_up)[0])["id"] == 1
+    assert watch.from_server(answer) == answer and [*given_up] == []
+
+
 PROGRESS = {"method": "notifications/progress", "params": {"progressToken": "p"}}
 QUESTION = {"id": 9, "method": "elicitation/create"}
 
@@ -274,7 +286,12 @@ def test_hundreds_of_calls_pass_at_once(guard, tmp_path):
     client.ask("tools/list")
     for _ in range(300):
         client.request("tools/call", {"name": "count_lines"})
-    assert len({client.receive()["id"] for _ in range(300)}) == 300 and client.end() == 0
+    assert len({client.receive()["id"] for _ in range(300)}) == 300
+    health = client.call("tool_health")["structuredContent"]
+    assert (health["tools"], health["others"]) == ([], 1)
+    [tool] = client.call("tool_health", {"tool": "count_lines"})["structuredContent"]["tools"]
+    assert tool["call_count"] == 300 and client.call("tool_health", {"tool": "x"})["isError"]
+    assert client.end() == 0
     assert recorded(tmp_path, "count_lines")[2] == {(None, "ok"): 300}
 
 

@@ -5,7 +5,7 @@ import json
 import threading
 import time
 from collections import deque
-from collections.abc import Mapping
+from collections.abc import Iterator, Mapping
 from contextlib import suppress
 from dataclasses import dataclass
 from typing import Any
@@ -20,9 +20,13 @@ from quillet.tool_handlers.health import ToolHealthTracker
 OWN_TOOL = "tool_health"
 OWN_ENTRY = {
     "name": OWN_TOOL,
-    "description": "Tells how each tool of this server fares: its calls and errors, whether it is "
-    "disabled, why, and when it is tried again.",
-    "inputSchema": {"type": "object", "additionalProperties": False},
+    "description": "Tells which tools of this server failed or are disabled, why and until when, "
+    "or how one tool fares.",
+    "inputSchema": {
+        "type": "object",
+        "properties": {"tool": {"type": "string", "description": "the tool, if only one"}},
+        "additionalProperties": False,
+    },
     "annotations": {"readOnlyHint": True, "openWorldHint": False},
 }
 CALLERS_FAULT = (messages.METHOD_NOT_FOUND, messages.INVALID_PARAMS)
@@ -155,7 +159,7 @@ class Watch:
                 return self._listed(message, line)
         return line
 
-    def pass_time(self, span_s: float, timeout_s: float) -> list[tuple[bytes, bytes]]:
+    def pass_time(self, span_s: float, timeout_s: float) -> Iterator[tuple[bytes, bytes]]:
         """Gives up calls that take too long; for each, its answer and the line that cancels it.
 
         No time passes while the client is to answer the server: a person may have to decide.
@@ -163,16 +167,16 @@ class Watch:
         with self._lock:
             self._clock_s += 0 if self._questions else span_s
             latest = self._clock_s - span_s - timeout_s  # a call may have come late in a span
-            calls = {
-                id: call
-                for id, call in self._open.items()
-                if isinstance(call, Call) and call.alive <= latest
-            }
-            for id in calls:
-                del self._open[id]
-                self._late.append(id)
+            requests = [*self._open.items()]
         why = f"no answer within {timeout_s:g} s"
-        return [(self._fail(call, why), _cancel(id, "timeout")) for id, call in calls.items()]
+        for id, call in requests:
+            if isinstance(call, Call) and call.alive <= latest:
+                with self._lock:
+                    if self._open.get(id) is not call:  # it has just been answered
+                        continue
+                    del self._open[id]
+                    self._late.append(id)
+                yield self._fail(call, why), _cancel(id, "timeout")
 
     def server_ended(self, why: str) -> tuple[bytes, bytes | None]:
         """What the client gets, and what a server that is started again is told first.
@@ -236,9 +240,18 @@ class Watch:
                 self._count(call, Outcome.DISABLED)
                 return call.failure(refusal), b""
             return b"", self._sent(call, message, line)
-        tools = tools_with_next_try(self._tracker)
+        return self._health(call, arguments.get("tool") if isinstance(arguments, dict) else None)
+
+    def _health(self, call: Call, asked: object) -> tuple[bytes, bytes]:
+        """Answers a call of the guard's own tool."""
+        records = tools_with_next_try(self._tracker)
+        tools = [record for record in records if record["tool_name"] == asked]
+        if asked is None:
+            tools = [record for record in records if record["error_count"] or record["disabled"]]
+        elif not tools:
+            return call.failure(f"Nothing is known of {asked!r}: no call of it was recorded"), b""
         health = {"cooldown_s": self._tracker.cooldown_s, "tools": tools, **self._notes}
-        return call.answer(health, failed=False), b""
+        return call.answer({**health, "others": len(records) - len(tools)}, failed=False), b""
 
     def _end(self, call: Call, message: dict[str, Any]) -> None:
         """Records how a call ended that the server has answered."""

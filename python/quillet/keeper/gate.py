@@ -2,8 +2,9 @@
 
 import logging
 import threading
+import time
 
-from quillet.keeper.next_try import AT_ONCE, next_try_text
+from quillet.keeper.next_try import FORM, next_try_text
 from quillet.protocol.results import json_safe
 from quillet.tool_handlers.health import ToolHealthTracker
 
@@ -11,13 +12,16 @@ logger = logging.getLogger(__name__)
 
 
 class ToolGate:
-    """Knows which tools the log has reported as disabled, in an earlier run or in this one."""
+    """Knows since when tools are disabled that the log has reported, in an earlier run or this one.
+
+    So a refusal takes no longer with many tools: the tracker tells the time of all of them only.
+    """
 
     def __init__(self, tracker: ToolHealthTracker) -> None:
         self._tracker = tracker
         self._lock = threading.Lock()
         records = tracker.get_health_summary()
-        self._logged = {record["tool_name"] for record in records if record["disabled"]}
+        self._since = {r["tool_name"]: r["disabled_at"] for r in records if r["disabled"]}
 
     def refusal(self, tool: str) -> str | None:
         """What an agent is told that calls a disabled tool; None when the tool may be called."""
@@ -26,17 +30,19 @@ class ToolGate:
             self._is_back(tool, "its cooldown has passed")
             return None
         error = "unknown" if last_error is None else json_safe(last_error)
-        again = self._next_try(tool) or AT_ONCE
+        again = next_try_text(self._since.get(tool, _now()), self._tracker.cooldown_s)
         return f"{tool} kept failing and is disabled; {again}; last error: {error}"
 
     def failed(self, tool: str, error: str) -> None:
         """Records an error, and logs it when that has disabled the tool."""
         self._tracker.record_error(tool, error)
-        again = self._next_try(tool)
-        with self._lock:
-            if again and tool not in self._logged:
-                self._logged.add(tool)
-                logger.warning("%s kept failing and is disabled; %s", tool, again)
+        if self._tracker.is_disabled(tool)[0]:
+            now = _now()
+            with self._lock:
+                if tool not in self._since:
+                    again = next_try_text(now, self._tracker.cooldown_s)
+                    logger.warning("%s kept failing and is disabled; %s", tool, again)
+                self._since[tool] = now
 
     def succeeded(self, tool: str) -> None:
         """Records a success, which enables the tool if need be."""
@@ -46,17 +52,10 @@ class ToolGate:
     def _is_back(self, tool: str, why: str) -> None:
         """Logs it when a tool that may be called was disabled before."""
         with self._lock:
-            if tool in self._logged:
-                self._logged.discard(tool)
+            if self._since.pop(tool, None):
                 logger.info("%s is enabled again: %s", tool, why)
 
-    def _next_try(self, tool: str) -> str | None:
-        """When a disabled tool is tried again, in words; None if it is not disabled.
 
-        The summary has at most as many records as there are tools, so that looking through it does
-        not hold up the event loop.
-        """
-        for record in self._tracker.get_health_summary():
-            if record["tool_name"] == tool and record["disabled"]:
-                return next_try_text(record["disabled_at"], self._tracker.cooldown_s)
-        return None
+def _now() -> str:
+    """The moment in the form of the tracker's."""
+    return time.strftime(FORM, time.gmtime())
