@@ -31,6 +31,7 @@ OWN_ENTRY = {
 }
 CALLERS_FAULT = (messages.METHOD_NOT_FOUND, messages.INVALID_PARAMS)
 ANSWERS = ("result", "error")
+UNSURE = "the call was cancelled, but may still have taken effect"
 HANDSHAKE = "quillet: the server was started again"  # no client's id
 MAX_LATE = 1_000  # calls given up whose late answers are dropped, should they ever come
 
@@ -176,7 +177,8 @@ class Watch:
                         continue
                     del self._open[id]
                     self._late.append(id)
-                yield self._fail(call, why), _cancel(id, "timeout")
+                self._fail(call, why)
+                yield call.failure(f"{why}; {UNSURE}"), _cancel(id, "timeout")
 
     def server_ended(self, why: str) -> tuple[bytes, bytes | None]:
         """What the client gets, and what a server that is started again is told first.

@@ -4,7 +4,7 @@ import logging
 import threading
 import time
 
-from quillet.keeper.next_try import FORM, next_try_text
+from quillet.keeper.next_try import FORM, next_try, next_try_text
 from quillet.protocol.results import json_safe
 from quillet.tool_handlers.health import ToolHealthTracker
 
@@ -30,8 +30,15 @@ class ToolGate:
             self._is_back(tool, "its cooldown has passed")
             return None
         error = "unknown" if last_error is None else json_safe(last_error)
-        again = next_try_text(self._since.get(tool, _now()), self._tracker.cooldown_s)
-        return f"{tool} kept failing and is disabled; {again}; last error: {error}"
+        moment, seconds = next_try(self._since.get(tool, _now()), self._tracker.cooldown_s)
+        until, then = "", ""
+        if moment:
+            until, then = (
+                f" until {moment} UTC ({seconds} s from now)",
+                ", or call it again after that",
+            )
+        words = f"it kept failing and is disabled{until}. Use another tool{then}."
+        return f"{tool} was not run: {words} Last error: {error}"
 
     def failed(self, tool: str, error: str) -> None:
         """Records an error, and logs it when that has disabled the tool."""

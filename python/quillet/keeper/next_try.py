@@ -29,7 +29,7 @@ def next_try(disabled_at: str | None, cooldown_s: float) -> tuple[str | None, in
 
 
 def next_try_text(disabled_at: str | None, cooldown_s: float) -> str:
-    """The same in words, for an agent and a person."""
+    """The same in words, for a person."""
     moment, seconds = next_try(disabled_at, cooldown_s)
     if moment is None:
         return "it is not tried again"
