@@ -14,11 +14,8 @@ from quillet.tool_handlers import health
 def main(options: argparse.Namespace) -> int:
     """Guards the server until a side leaves or a signal comes; returns the exit status."""
 
-    async def guard(
-        repository: Repository, tracker: health.ToolHealthTracker, ending: Ending
-    ) -> int:
-        errors_disable = options.disable_on == "errors"
-        watch = Watch(tracker, repository.db.notes, errors_disable=errors_disable)
+    async def guard(kept: Repository, tracker: health.ToolHealthTracker, ending: Ending) -> int:
+        watch = Watch(tracker, kept.db.notes, errors_disable=options.disable_on == "errors")
         relay = Relay(options.server, watch, ending, options.timeout)
         status = await ending.status
         relay.stop()

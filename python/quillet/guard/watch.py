@@ -116,10 +116,8 @@ class Watch:
                     self._count(request, Outcome.CANCELLED)
                 if sent != id:
                     line = _with(message, line, params=message["params"] | {"requestId": sent})
-            case "tools/call", str() | int() as id, {"name": str() as tool} if (
-                tool in self._tools or tool == OWN_TOOL
-            ):
-                return self._begin(id, tool, message, line)
+            case "tools/call", str() | int(), {"name": str() as tool} if self._knows(tool):
+                return self._begin(message, line)
             case str() as method, str() | int() as id, _:
                 if method == "initialize":
                     self._handshake = [_with(message, b"", id=HANDSHAKE)]
@@ -136,8 +134,11 @@ class Watch:
                 self._questions.add(id)
             case "notifications/cancelled", _, {"requestId": str() | int() as id}:
                 self._questions.discard(id)
-            case "notifications/progress", _, {"progressToken": token}:
-                self._heard_of(token)
+            case "notifications/progress", _, {"progressToken": str() | int() as token}:
+                with self._lock:
+                    for call in self._open.values():
+                        if isinstance(call, Call) and call.progress == token:
+                            call.alive = self._clock_s
             case None, str() | int() | float() as id, _ if not message.keys().isdisjoint(ANSWERS):
                 return self._answered(id, message, line)
         return line
@@ -206,13 +207,6 @@ class Watch:
             if isinstance(request, Call):
                 self._count(request, Outcome.CANCELLED)
 
-    def _heard_of(self, token: Any) -> None:
-        """Puts off the end of the call that has made progress."""
-        with self._lock:
-            for call in self._open.values():
-                if isinstance(call, Call) and token is not None and call.progress == token:
-                    call.alive = self._clock_s
-
     def _sent(self, request: Request, message: dict[str, Any], line: bytes) -> bytes:
         """Has a request wait for its answer; returns the line that asks the server for it.
 
@@ -223,35 +217,29 @@ class Watch:
             self._open.setdefault(id, request)  # an id in use is the server's to refuse
         return line if id == request.id else _with(message, line, id=id)
 
-    def _begin(
-        self, id: messages.Id, tool: str, message: dict[str, Any], line: bytes
-    ) -> tuple[bytes, bytes]:
+    def _knows(self, tool: str) -> bool:
+        return tool in self._tools or tool == OWN_TOOL
+
+    def _begin(self, message: dict[str, Any], line: bytes) -> tuple[bytes, bytes]:
         """Answers a call, or leaves it to the server."""
         params = message["params"]
-        meta, arguments = params.get("_meta"), params.get("arguments")
-        action = arguments.get("action") if isinstance(arguments, dict) else None
+        tool, meta, arguments = map(params.get, ("name", "_meta", "arguments"))
+        meta, arguments = (x if isinstance(x, dict) else {} for x in (meta, arguments))
+        action = arguments.get("action")
         known = isinstance(action, str) and action in self._tools.get(tool, ())
-        meta = meta if isinstance(meta, dict) else {}
-        todays, progress = revisions.VERSION in meta, meta.get("progressToken")
-        kind = todays, "task" in params, progress
+        kind = revisions.VERSION in meta, "task" in params, meta.get("progressToken")
         times = time.perf_counter(), self._clock_s
-        call = Call(id, "tools/call", tool, action if known else None, *kind, *times)
+        call = Call(message["id"], "", tool, action if known else None, *kind, *times)
         if tool in self._tools:
             refusal = self._gate.refusal(tool)
             if refusal:
                 self._count(call, Outcome.DISABLED)
                 return call.failure(refusal), b""
             return b"", self._sent(call, message, line)
-        return self._health(call, arguments.get("tool") if isinstance(arguments, dict) else None)
-
-    def _health(self, call: Call, asked: object) -> tuple[bytes, bytes]:
-        """Answers a call of the guard's own tool."""
-        records = tools_with_next_try(self._tracker)
+        records, asked = tools_with_next_try(self._tracker), arguments.get("tool")
         tools = [record for record in records if record["tool_name"] == asked]
         if asked is None:
             tools = [record for record in records if record["error_count"] or record["disabled"]]
-        elif not tools:
-            return call.failure(f"Nothing is known of {asked!r}: no call of it was recorded"), b""
         health = {"cooldown_s": self._tracker.cooldown_s, "tools": tools, **self._notes}
         return call.answer({**health, "others": len(records) - len(tools)}, failed=False), b""
 
