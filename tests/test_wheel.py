@@ -1,4 +1,4 @@
-"""The wheels, built and installed by the README's commands; and the module's types."""
+"""The wheels, built and installed by the pages' commands; and the module's types."""
 
 import ast
 import os
@@ -38,7 +38,7 @@ def held(place):
 
 
 @pytest.mark.timeout(600)
-def test_wheels_are_built_installed_and_used_as_the_readme_says(tmp_path, monkeypatch):
+def test_wheels_are_built_installed_and_used_as_the_pages_say(tmp_path, monkeypatch):
     monkeypatch.setenv("PIP_NO_INDEX", "1")
     monkeypatch.delenv("PYTHONPATH", raising=False)
     # Compiled once, quickly, for all three.
@@ -49,7 +49,8 @@ def test_wheels_are_built_installed_and_used_as_the_readme_says(tmp_path, monkey
     for file in (name for name in files if (ROOT / name).exists()):
         (tmp_path / file).parent.mkdir(parents=True, exist_ok=True)
         shutil.copy2(ROOT / file, tmp_path / file)
-    plain, play, mydaemon, program = [b for b in snippets("README.md", "sh") if "build/" in b]
+    plain, play = [b for b in snippets("README.md", "sh") if "build/" in b]
+    mydaemon, program = snippets("docs/install.md", "sh")
 
     run(plain, shell=True)
     assert held("wheel") == {f"health{SUFFIX}", "health-stubs/__init__.pyi"}
