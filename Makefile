@@ -7,8 +7,8 @@ SITE_PACKAGES := $(CURDIR)/$(VENV)/lib/python3.11/site-packages
 INSTALL_HERE := -Dprogram=true -Ddevelopment=true -Dbindir="$(CURDIR)/$(VENV)/bin" \
 	-Dpython.platlibdir="$(SITE_PACKAGES)" -Dpython.purelibdir="$(SITE_PACKAGES)"
 REBUILD := ninja --quiet -C build/release >build/ninja.log || { cat build/ninja.log; exit 1; }
-PLAY := $(VENV)/bin/quillet play --repository . --config examples/config.toml \
-	--database build/example.db
+PLAY := QUILLET_EMBED_MODEL=build/example.model $(VENV)/bin/quillet play --repository . \
+	--config examples/config.toml --database build/example.db
 
 # A build for `make check` is installed within itself, and loaded with its sanitizer's runtime.
 SETUP_CHECKED = $(MESON) setup -Dprogram=true -Ddevelopment=true -Dbuildtype=debugoptimized \
@@ -34,9 +34,11 @@ build: build/release/build.ninja $(VENV)/bin/quillet ## build the module, and in
 	@$(REBUILD)
 	@$(MESON) install -C build/release --no-rebuild --only-changed --quiet
 
-run: build ## let an agent call the tools of this checkout, over MCP and a real SQLite file
-	@rm -f build/example.db*
+run: build ## let an agent call tools, one of which breaks and comes back, over MCP and a SQLite file
+	@rm -f build/example.*
 	@$(PLAY) examples/first_run.jsonl
+	@echo
+	echo "as good as a model" >build/example.model
 	@echo
 	@$(PLAY) examples/second_run.jsonl
 

@@ -11,7 +11,8 @@ import { KINDS, connected } from "./kinds.mjs";
 const TOOLS = "search_text read_file count_lines embed_text status get_tool_performance_stats";
 
 async function converse(kind, folder) {
-  const serve = [process.argv[2], ["serve", "--repository", folder]];
+  const broken = "QUILLET_EMBED_MODEL=gone"; // and set by a command: not all clients hand it on
+  const serve = ["env", [broken, process.argv[2], "serve", "--repository", folder]];
   const client = await connected(kind, ...serve);
   const call = (name, args = {}) => client.callTool({ name, arguments: args });
   const read = (path) => call("read_file", { path });
@@ -35,15 +36,17 @@ async function converse(kind, folder) {
   const counts = await Promise.all(Array.from({ length: 300 }, () => call("count_lines")));
   assert.ok(counts.every((count) => count.structuredContent.other === 1));
 
-  for (let n = 0; n < 5; n++) assert.ok((await read("gone.txt")).isError);
-  assert.match((await read("a.txt")).content[0].text, /^read_file was not run: it kept failing /);
+  const embed = () => call("embed_text", { text: "t" });
+  for (let n = 0; n < 5; n++) assert.ok((await read("gone.txt")).isError && (await embed()).isError);
+  assert.match((await embed()).content[0].text, /^embed_text was not run: it kept failing /);
+  assert.ok(!(await read("a.txt")).isError);
   await client.close();
 
   const second = await connected(kind, ...serve);
   const status = { name: "status", arguments: { action: "perf_stats" } };
   const health = (await second.callTool(status)).structuredContent.tools;
   const { disabled, call_count, error_count } = health[0];
-  assert.deepEqual([disabled, call_count, error_count], [true, 6, 5]);
+  assert.deepEqual([disabled, call_count, error_count], [true, 5, 5]);
   assert.equal(health.find((tool) => tool.tool_name === "count_lines").call_count, 300);
   await second.close();
 }

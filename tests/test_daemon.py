@@ -1,8 +1,10 @@
 """What the daemon's parts keep: what is told of disabled tools, what is saved, what is refused."""
 
+import io
 import os
 import re
 import sqlite3
+import sys
 import threading
 import time
 from contextlib import closing
@@ -10,12 +12,14 @@ from types import SimpleNamespace
 from unittest import mock
 
 import pytest
+from quillet import diagnostics
 from quillet.config import ToolsConfig, read_tools_config
 from quillet.keeper import flusher
 from quillet.keeper.gate import ToolGate
 from quillet.keeper.stored_health import read_stored_health
 from quillet.repository import Repository, database_in
 from quillet.tool_handlers import embedding, files, health
+from quillet.tool_handlers.context import CallerError
 from quillet.utils.process import thread_census
 
 
@@ -35,6 +39,16 @@ def test_disabling_and_return_are_told_once(repository, caplog):
     answer = re.fullmatch(f"read_file kept failing and is disabled; {when}", disabling)
     assert health._epoch(answer[1]) >= started + 999  # never too early
     assert enabling == "count_lines is enabled again: a call of it succeeded"
+
+
+def test_a_terminal_gets_whole_words(monkeypatch):
+    terminal = io.StringIO()
+    terminal.isatty = lambda: True
+    monkeypatch.setattr(sys, "stderr", terminal)
+    monkeypatch.setenv("COLUMNS", "24")
+    diagnostics.complain("a line that is too long\nand one on 2026-11-23")
+    diagnostics.finish_log()
+    assert terminal.getvalue() == "quillet: a line that\n  is too long\n  and one on 2026-11-23\n"
 
 
 def test_a_failed_flush_is_told_and_tried_again(repository, caplog, monkeypatch):
@@ -173,9 +187,9 @@ def test_only_what_is_served_is_read(root, monkeypatch):
     found = files.search_text(here, "text")
     assert [match["path"] for match in found["matches"]] == ["a"] * 100 and found["more"]
     for path in ("../file", f"{root.parent}/file", "out/file", ".quillet/a", "../" + "x" * 10**5):
-        with pytest.raises(PermissionError, match=refusal):
+        with pytest.raises(CallerError, match=refusal):
             files.read_file(here, path)
     # A file may be swapped for a link once its name was found to be good.
     monkeypatch.setattr(files, "_inside", lambda root, path: root / path)
-    with pytest.raises(PermissionError, match=refusal):
+    with pytest.raises(CallerError, match=refusal):
         files.read_file(here, "out/file")

@@ -140,7 +140,13 @@ MISTAKES = [({"path": 5}, "path must be a text"), ({}, "path is missing"),
             ({"path": "a", "first_line": True}, "first_line must be a whole number"),
             ({"x": 1}, "there is no parameter 'x', only: path, first_line"),
             ({"path": "a", "file": "a"}, "a parameter is given under two names"),
-            ({"action": [[]]}, "read_file has no action [[]], only: none")]  # fmt: skip
+            ({"action": [[]]}, "read_file has no action [[]], only: none"),
+            *(({"path": path}, told) for path, told in (
+                ("gone", "there is no gone in the repository"),
+                ("x" * 300, f"there is no {'x' * 300} in the repository"),
+                ("../a", "../a is not among the repository's files"),
+                ("\0", "\0 is not a path: embedded null byte"),
+                (".", ". is not a text file of at most 1,000,000 bytes")))]  # fmt: skip
 
 
 def test_a_mistaken_call_is_no_failure_of_the_tool(listening):
@@ -148,6 +154,9 @@ def test_a_mistaken_call_is_no_failure_of_the_tool(listening):
         result = listening.call("read_file", arguments)
         told = {"content": [{"type": "text", "text": told}], "isError": True}
         assert result == result | told and "structuredContent" not in result
+    status = listening.call("status", {"action": "perf_stats"})["structuredContent"]["tools"]
+    [read] = [tool for tool in status if tool["tool_name"] == "read_file"]
+    assert read["call_count"] == 0 and {row["outcome"] for row in read["usage"]} == {"invalid"}
 
 
 @pytest.mark.parametrize("asked", ["2025-11-25", "2025-06-18", "2024-11-05", "2025-03-26", TODAYS])

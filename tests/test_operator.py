@@ -14,6 +14,7 @@ from conftest import MEMBERS
 from documents import ROOT, snippets
 from quillet.config import ToolsConfig
 from quillet.repository import Repository
+from quillet.tool_handlers import health
 from quillet.tool_handlers.health import ToolHealthTracker
 
 sys.path.append(str(ROOT / "examples"))
@@ -79,21 +80,31 @@ def test_a_file_without_a_status_is_named(tmp_path):
         assert (run.returncode, run.stdout, run.stderr) == (2, "", f"quillet: {words}\n")
 
 
-def test_the_examples_show_what_they_say(tmp_path):
+def test_the_examples_show_what_they_say(tmp_path, monkeypatch):
+    model = tmp_path / "model"
+    monkeypatch.setenv("QUILLET_EMBED_MODEL", str(model))
+    monkeypatch.setenv("TZ", "Asia/Tokyo")  # all times are in UTC all the same
     options = ["--config", "examples/config.toml", "--database", tmp_path / "db"]
     text, logged = "", []
     for name in ("first_run", "second_run", "process"):
         run = quillet("play", f"examples/{name}.jsonl", *options, cwd=ROOT)
         text += run.stdout + "\n"
         assert run.returncode == 0
-        logged += [line.split(" ", 2)[2] for line in run.stderr.splitlines()]
+        logged += run.stderr.splitlines()
+        model.write_text("as good as a model")
+        with closing(sqlite3.connect(tmp_path / "db", isolation_level=None)) as db:
+            later = "disabled_at = datetime('now', '+1 second')"  # lest a slow start comes too late
+            db.execute(f"UPDATE tool_health SET {later} WHERE disabled_at")
     ends = "".join(end[0] for end in re.findall(r"^ +\d+  (ok|failed) ", text, re.M))
-    assert ends == "ooo fff fo o o fff o oo o oo".replace(" ", "")
-    disabling, enabling = logged
-    assert disabling.startswith("WARNING read_file kept failing and is disabled; it is tried again")
-    assert enabling == "INFO read_file is enabled again: its cooldown has passed"
-    assert "\n     read_file: 3 of 4 runs failed; last error: " in text
-    assert re.search("\n     read_file +error +no +3 +-\n", text)
+    assert ends == "ooo fff fff foo f o o oo o oo".replace(" ", "")
+    logged_at, again_at = re.findall(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d", logged[0])
+    assert 3 < health._epoch(again_at) - health._epoch(logged_at) < 7
+    disabling, enabling = (line.split(" ", 2)[2] for line in logged)
+    assert disabling.startswith("WARNING embed_text kept failing and is disabled; it is tried ")
+    assert enabling == "INFO embed_text is enabled again: its cooldown has passed"
+    assert "\n     embed_text: 3 of 4 runs failed; last error: " in text
+    assert re.search("\n     embed_text +disabled +no +2 +-\n", text)
+    assert re.search("\n     read_file +invalid +no +1 +-\n", text)
     status = quillet("status", "--text", "--database", tmp_path / "db").stdout
     assert sorted(re.findall("\nstatus perf_stats +ok +(yes|no) +1 ", status)) == ["no", "yes"]
     assert re.search(r"\n     NAME  .* ERRORS\n     count_lines +1( +\d+\.\d\d){4} +0\n", text)

@@ -1,7 +1,9 @@
 """What a person is told on standard error, and the form in which any text is shown to one."""
 
 import logging
+import shutil
 import sys
+import textwrap
 import threading
 import time
 from contextlib import suppress
@@ -24,9 +26,11 @@ def complain(words: object) -> None:
 
 
 def start_log() -> None:
-    """Shows what the daemon's modules log, with time and level."""
-    form = "%(asctime)s %(levelname)s %(message)s"
-    logging.basicConfig(handlers=[_Handler()], level=logging.INFO, format=form)
+    """Shows what the daemon's modules log, with time, in UTC, and level."""
+    handler, form = _Handler(), logging.Formatter("%(asctime)s %(levelname)s %(message)s")
+    form.converter = time.gmtime
+    handler.setFormatter(form)
+    logging.basicConfig(handlers=[handler], level=logging.INFO)
 
 
 def finish_log() -> None:
@@ -41,8 +45,13 @@ def _say(words: str) -> None:
 
     It may quote what came from elsewhere, so further lines are indented: none can pass for ours.
     """
+    lines = [printable(line) for line in words.splitlines()]
+    if sys.stderr and sys.stderr.isatty():  # which would break lines amid a word
+        width = shutil.get_terminal_size().columns - 2
+        wrapped = (textwrap.wrap(line, width, break_on_hyphens=False) for line in lines)
+        lines = [part for parts in wrapped for part in parts]
     with suppress(Full):
-        _waiting.put_nowait("\n  ".join(map(printable, words.splitlines())))
+        _waiting.put_nowait("\n  ".join(lines))
     if not _writer.is_alive():
         with suppress(RuntimeError):  # another thread was faster
             _writer.start()

@@ -10,7 +10,7 @@ from quillet.daemon.tool_calls import ToolCall, UnclearCall, resolve
 from quillet.keeper.gate import ToolGate
 from quillet.keeper.outcome import Outcome
 from quillet.repository import Repository
-from quillet.tool_handlers.context import ToolContext
+from quillet.tool_handlers.context import CallerError, ToolContext
 from quillet.tool_handlers.health import ToolHealthTracker
 from quillet.tool_schemas import argument_problem
 from quillet.utils.timing import get_timing_collector
@@ -62,6 +62,8 @@ class ToolPipeline:
         started = time.perf_counter()
         try:
             content = call.handler(self._context, **call.arguments)
+        except CallerError as error:
+            return self._ended(call, Outcome.INVALID, str(error)[:MAX_ERROR_CHARS])
         except BaseException as error:  # SystemExit, too, is an error of the tool
             failure = _error_text(error)
         elapsed_ms = (time.perf_counter() - started) * 1000

@@ -1,4 +1,4 @@
-"""What the daemon hands to every handler beside the call's arguments."""
+"""What the daemon hands to every handler beside the call's arguments, and what it takes back."""
 
 from collections.abc import Mapping
 from pathlib import Path
@@ -14,3 +14,7 @@ class ToolContext(NamedTuple):
     tracker: ToolHealthTracker
     notes: Mapping[str, str]
     thread_budget: int  # the most that the pools allow
+
+
+class CallerError(Exception):
+    """Raised by a handler when the call asks for what there is not: the tool itself works."""

@@ -9,7 +9,7 @@ from typing import Annotated, Any
 
 from quillet.regular_files import read_regular_file
 from quillet.repository import OWN_FOLDER
-from quillet.tool_handlers.context import ToolContext
+from quillet.tool_handlers.context import CallerError, ToolContext
 
 SKIPPED_FOLDERS = {".git", OWN_FOLDER}
 MAX_FILE_BYTES = 1_000_000
@@ -39,7 +39,12 @@ def read_file(
     first_line: Annotated[int, "where to start; the first is 1"] = 1,
 ) -> dict[str, Any]:
     """Reads a text file's lines, at most 100 from a given one on."""
-    lines = _read_lines(context.root, _inside(context.root, path))
+    file = _inside(context.root, path)
+    try:
+        lines = _read_lines(context.root, file)
+    except ValueError as error:
+        words = f"{path} is not a text file of at most {MAX_FILE_BYTES:,} bytes"
+        raise CallerError(words) from error
     skipped = max(first_line, 1) - 1
     shown = [line[:MAX_LINE_CHARS] for line in lines[skipped : skipped + MAX_ROWS]]
     return {"path": path, "first_line": skipped + 1, "lines": shown, "lines_in_file": len(lines)}
@@ -58,7 +63,7 @@ def _text_files(root: Path, path: str) -> Iterator[tuple[Path, list[str]]]:
     for file in _files(_inside(root, path)):
         try:
             yield file.relative_to(root), _read_lines(root, file)
-        except (OSError, ValueError):
+        except (CallerError, OSError, ValueError):
             continue
 
 
@@ -86,16 +91,19 @@ def _entries(folder: Path) -> list[Path]:
 
 def _inside(root: Path, path: str) -> Path:
     """The file or folder that a call names, links followed."""
-    found = (root / path).resolve()
+    try:
+        found = (root / path).resolve()
+    except (RuntimeError, ValueError) as error:  # a loop of links, or a text that no path can be
+        raise CallerError(f"{path} is not a path: {error}") from error
     _refuse_outside(root, found, path)
-    if not found.exists():
-        raise FileNotFoundError(f"there is no {path} in the repository")
+    if not os.path.exists(found):  # Path.exists raises for a name that is too long
+        raise CallerError(f"there is no {path} in the repository")
     return found
 
 
 def _refuse_outside(root: Path, found: Path, path: object) -> None:
     if not found.is_relative_to(root) or SKIPPED_FOLDERS & set(found.relative_to(root).parts):
-        raise PermissionError(f"{path} is not among the repository's files")
+        raise CallerError(f"{path} is not among the repository's files")
 
 
 def _read_lines(root: Path, file: Path) -> list[str]:
