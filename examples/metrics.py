@@ -45,16 +45,16 @@ class ToolHealthCollector(Collector):
     def collect(self) -> Iterable[Metric]:
         """The metrics of this moment; a mean is in seconds, and there once a call was timed."""
         tool, usage = ["tool"], ["tool", "action", "outcome", "synonym"]
-        runs = CounterMetricFamily(
-            "tool_health_runs", "Reported ends of the tool's handler", labels=tool
-        )
-        errors = CounterMetricFamily("tool_health_errors", "Those that were errors", labels=tool)
+        runs = CounterMetricFamily("tool_health_runs", "Runs of the tool that ended", labels=tool)
+        errors = CounterMetricFamily("tool_health_errors", "Runs that failed", labels=tool)
         disabled = GaugeMetricFamily(
             "tool_health_disabled", "1 while the tool is disabled", labels=tool
         )
-        calls = CounterMetricFamily("tool_health_calls", "Calls by how they ended", labels=usage)
+        calls = CounterMetricFamily(
+            "tool_health_calls", "Calls, also those that were refused", labels=usage
+        )
         means = GaugeMetricFamily(
-            "tool_health_call_mean_seconds", "Mean time of the handler in these calls", labels=usage
+            "tool_health_call_mean_seconds", "Mean duration of the timed ones", labels=usage
         )
         for record in self._tracker.get_health_summary():
             name = _label(record["tool_name"])
@@ -72,9 +72,13 @@ class ToolHealthCollector(Collector):
     def _saving(self) -> Iterable[Metric]:
         if self._saver:
             age = time.time() - self._saver.saved_at
-            yield GaugeMetricFamily("tool_health_flush_age_seconds", "Since all was saved", age)
+            yield GaugeMetricFamily(
+                "tool_health_flush_age_seconds", "Seconds since the latest save", age
+            )
             failed = not self._saver.saved
-            yield GaugeMetricFamily("tool_health_flush_failed", "1 if the last try failed", failed)
+            yield GaugeMetricFamily(
+                "tool_health_flush_failed", "1 if the latest save failed", failed
+            )
 
 
 def _label(value: object) -> str:

@@ -1,6 +1,7 @@
 """What an operator and a newcomer see: the status, the screens, the examples, the metrics."""
 
 import json
+import os
 import re
 import shutil
 import sqlite3
@@ -134,8 +135,10 @@ def test_no_command_takes_modules_from_the_folder_or_the_environment(folder):
 
 def test_the_commands_of_operations_do_what_it_says(folder):
     def run(command):
-        return subprocess.check_output(["bash", "-euc", command], cwd=folder, stdin=-3, text=True)
+        bash = ["bash", "-euc", command]
+        return subprocess.check_output(bash, cwd=folder, stdin=-3, text=True, env=home)
 
+    home = {**os.environ, "HOME": str(folder)}
     show, check, metrics, enable, forget, forget_all, copy, remove, *guard = snippets(PAGE, "sh")
     (screen, exported), [in_the_daemon] = snippets(PAGE, "text"), snippets(PAGE, "python")
     assert run(show) == screen and run(check) == "exit status 2\n"
@@ -143,7 +146,7 @@ def test_the_commands_of_operations_do_what_it_says(folder):
     refused = quillet("serve", input="", cwd=folder)
     told = "these rows and start again\n  Could not read the tool_health row of 'count_lines': "
     assert refused.returncode == 2 and told in refused.stderr
-    run(enable + forget)
+    assert run(enable + forget) + run(enable + forget) == "1\n1\n1\n0\n"
     assert quillet("serve", input="", cwd=folder).returncode == 0
     assert not (folder / ".quillet/quillet.db-wal").exists()  # the file alone is a whole copy
     assert run(check) == ""
@@ -154,13 +157,13 @@ def test_the_commands_of_operations_do_what_it_says(folder):
         assert run(check) == "exit status 1\n"
         exec(in_the_daemon, {"tracker": tracker})
         assert tracker.is_disabled("read_file") == (False, None)
-        run(copy)
+        run(copy + copy)
     run(forget_all)
     assert run(check) == "" and json.loads((folder / "health.json").read_text())["tools"] == []
     run(remove)
     assert sorted(file.name for file in (folder / ".quillet").iterdir()) == ["quillet.db.lock"]
     assert run(guard[0]) == "" and json.loads(run(guard[1]))["database"] == "guard.db"
-    with closing(sqlite3.connect(folder / "copy.db")) as db:
+    with closing(sqlite3.connect(folder / "tool-health.db")) as db:
         assert [(1,)] == db.execute("SELECT count(*) FROM tool_health WHERE disabled_at").fetchall()
     collector = ToolHealthCollector(tracker, SimpleNamespace(saved_at=0, saved=False))
     samples = {s.name: s.value for metric in collector.collect() for s in metric.samples}
