@@ -2,17 +2,28 @@
 
 import argparse
 from collections.abc import Sequence
+from contextlib import suppress
 from pathlib import Path
 
 from quillet.repository import DATABASE
 from quillet.tool_handlers.health import __version__
 
 EXIT_STATUSES = """\
-exit status of serve:   0 the input ended and all is answered, 1 a stream failed, 2 it could not
-                        start, 3 the tools' health could not be saved, 128+n signal n ended it
-exit status of guard:   the same, or its server's if that ended by itself
-exit status of status:  2 the database cannot be read; with --check also when a row is damaged,
-                        else 1 a tool is disabled, 0 all is well
+exit status of serve:
+  0      the input ended, and everything is answered
+  1      a stream failed
+  2      it could not start
+  3      the tools' health could not be saved
+  128+n  signal n ended it
+exit status of guard:
+  the same, or the server's own if the server ended by itself
+exit status of play:
+  0      all calls were made
+  1      the script is wrong, or the server ended
+exit status of status:
+  0      shown; with --check: all is well
+  1      with --check: a tool is disabled
+  2      the database cannot be read; with --check: or a row of it
 """
 
 
@@ -20,45 +31,55 @@ def parse_options(arguments: Sequence[str]) -> argparse.Namespace:
     """The options that the arguments give; ends the program for --help and for wrong ones."""
     parser = argparse.ArgumentParser(
         prog="quillet",
-        description="Serves a repository's tools to an agent.",
+        description="Keeps the health of an AI agent's tools, around any MCP server or in a demo.",
         epilog=EXIT_STATUSES,
         formatter_class=argparse.RawDescriptionHelpFormatter,
     )
     parser.add_argument("--version", action="version", version=f"%(prog)s {__version__}")
     commands = parser.add_subparsers(dest="command", required=True)
-    serve = commands.add_parser("serve", help="a daemon that speaks MCP on its standard streams")
+    words = "serves a folder to an agent, by MCP on standard input and output; a demo server"
+    serve = commands.add_parser("serve", help=words)
     guard = commands.add_parser(
         "guard",
-        help="keeps the tools' health of any MCP server that it starts",
+        help="starts any MCP server, and keeps the health of its tools",
         usage="%(prog)s --database FILE [OPTION ...] -- COMMAND [ARGUMENT ...]",
     )
     guard.set_defaults(repository=Path())
-    words = "where the health is kept"
-    guard.add_argument("--database", type=Path, required=True, help=words)
-    guard.add_argument("--timeout", type=_span, metavar="SECONDS", help="how long a call may take")
-    words = "what counts against a tool: no answer and JSON-RPC errors (failures), or isError, too"
+    words = "the file in which the health is kept; created if need be"
+    guard.add_argument("--database", type=Path, required=True, metavar="FILE", help=words)
+    words = "how long a call may take, less than the client waits; without it, there is no limit"
+    guard.add_argument("--timeout", type=_seconds, metavar="SECONDS", help=words)
+    words = "what counts against a tool: no answer and JSON-RPC errors (failures, the default), or "
+    words += "answers with isError, too (errors)"
     guard.add_argument(
         "--disable-on", choices=["failures", "errors"], default="failures", help=words
     )
-    guard.add_argument("server", nargs="+", metavar="COMMAND", help="what starts the server")
-    play = commands.add_parser("play", help="an agent that plays a story with such a daemon")
-    play.add_argument("story", type=Path, nargs="?", help="a file, instead of standard input")
-    status = commands.add_parser("status", help="what the database holds of the tools' health")
-    status.add_argument("--check", action="store_true", help="tell by the exit status how all is")
+    words = "the command that starts the server"
+    guard.add_argument("server", nargs="+", metavar="COMMAND", help=words)
+    words = "starts that demo server, and runs scripted calls with it"
+    play = commands.add_parser("play", help=words)
+    words = "a file with a call on each line; without it, standard input is read"
+    play.add_argument("story", type=Path, nargs="?", metavar="SCRIPT", help=words)
+    status = commands.add_parser("status", help="shows the health that a database holds")
+    words = "have the exit status say whether all is well"
+    status.add_argument("--check", action="store_true", help=words)
     form = status.add_mutually_exclusive_group()
-    form.add_argument("--text", action="store_true", help="tables, also in a file or pipe")
-    form.add_argument("--json", action="store_true", help="JSON also on a terminal")
-    for command in (serve, play, status):
-        words = f"its database, if not {DATABASE}"
-        command.add_argument("--repository", type=Path, default=Path(), help="the folder to serve")
-        command.add_argument("--database", type=Path, help=words)
+    form.add_argument("--text", action="store_true", help="show tables, even in a file or pipe")
+    form.add_argument("--json", action="store_true", help="print JSON, even on a terminal")
+    for command, folder in ((serve, "to serve"), (play, "to serve"), (status, "that is served")):
+        words = f"the folder {folder}; without it, the current one"
+        command.add_argument("--repository", type=Path, default=Path(), metavar="DIR", help=words)
+        words = f"the database; without it, {DATABASE} in that folder"
+        command.add_argument("--database", type=Path, metavar="FILE", help=words)
+    words = "a TOML file whose table [tools] says when a tool is disabled, and for how long"
     for command in (serve, guard, play, status):
-        command.add_argument("--config", type=Path, help="a TOML file with a [tools] table")
+        command.add_argument("--config", type=Path, metavar="FILE", help=words)
     return parser.parse_args(arguments)
 
 
-def _span(words: str) -> float:
-    seconds = float(words)
-    if not seconds > 0:
-        raise argparse.ArgumentTypeError(f"no span of time: {words}")
-    return seconds
+def _seconds(words: str) -> float:
+    with suppress(ValueError):
+        seconds = float(words)
+        if seconds > 0:
+            return seconds
+    raise argparse.ArgumentTypeError(f"{words!r} is not a number of seconds above 0")

@@ -5,18 +5,18 @@ from collections.abc import Callable, Mapping, Sequence
 from dataclasses import dataclass
 from typing import Any, Final, NotRequired, Protocol, TypeAlias, TypedDict, type_check_only
 
-# Types for checkers, not in the module: import them under `typing.TYPE_CHECKING`. First what the
-# module is given.
+# Types for checkers, which the module does not have at run time: import them under
+# `typing.TYPE_CHECKING`. First what the module is given.
 
 @type_check_only
 class Row(Protocol):
-    """Its columns go by position: a tuple or an `sqlite3.Row`, among others."""
+    """Its columns are read by position: a tuple and a `sqlite3.Row` both fit."""
 
     def __getitem__(self, column: int, /) -> Any: ...
 
 @type_check_only
 class Database(Protocol):
-    """Synchronous; what a call has changed is durable when it returns."""
+    """Ordinary functions, not coroutines; when one returns, what it has changed is committed."""
 
     def fetchall(self, sql: str, /) -> Sequence[Row]: ...
     def fetchone(self, sql: str, parameters: tuple[Any, ...], /) -> Row | None: ...
@@ -38,7 +38,7 @@ class Limits(Protocol):
 @type_check_only
 class ToolSpec(Protocol):
     def action(self, name: Any, /) -> object:
-        """The entry of an action; None for what the tool lacks."""
+        """An entry for the action; None if the tool has no such action."""
 
 @type_check_only
 class Tools(Protocol):
@@ -59,12 +59,16 @@ class ThreadCensus(Protocol):
 
 # The answers.
 
-# None, a text, or whatever else an edited row may hold.
+# A text or None; whatever else a row may hold that was edited by hand.
 _StoredText: TypeAlias = str | int | float | bytes | None
 
 @type_check_only
 class UsageRow(TypedDict):
-    """The calls of one action, outcome and use of a synonym; `avg_ms` is their mean time."""
+    """The calls with one action, one outcome, and with a synonym or without.
+
+    `avg_ms` is the mean of the times that were reported, None if there were none; `slow` is what
+    `is_slow_call` says of the tool and the action.
+    """
 
     action: str | None
     outcome: str
@@ -75,7 +79,7 @@ class UsageRow(TypedDict):
 
 @type_check_only
 class HealthRecord(TypedDict):
-    """One tool of `get_health_summary`; times are in UTC, "YYYY-MM-DD HH:MM:SS"."""
+    """One tool in `get_health_summary`; times are in UTC, in the form "YYYY-MM-DD HH:MM:SS"."""
 
     tool_name: str
     call_count: int
@@ -88,7 +92,7 @@ class HealthRecord(TypedDict):
 
 @type_check_only
 class ToolPerformance(TypedDict):
-    """One tool of `handle_get_tool_performance_stats`; the values are the collector's own."""
+    """One tool in `handle_get_tool_performance_stats`; the values are those of the collector."""
 
     name: str
     count: int
@@ -110,7 +114,8 @@ class ThreadReport(TypedDict):
     budget: int
     warning: NotRequired[str]
 
-# The module. First the daemon's own objects: found where the module is installed, unless set here.
+# The module. First the objects of the daemon: set them here, or the module imports them from the
+# package that it is installed in.
 
 TOOLS: Tools
 ToolsConfig: Callable[[], Limits]
@@ -125,29 +130,29 @@ TOOL_USAGE_KEY: Final = "tool_usage"
 class ToolHealthTracker:
     """The health of a repository's tools.
 
-    Counts every call, disables a tool that keeps failing and tries it again after a cooldown. The
-    state is kept in memory and mirrored into the repository's database. The constructor reads the
-    mirror and `flush` writes it; both may block. No other operation waits for the database, and
-    all may be called from any thread.
+    Counts every call, disables a tool that keeps failing, and enables it again after a cooldown.
+    The state is in memory, with a copy in the repository's database, which the constructor reads
+    and `flush` writes: both block. No other function waits for the database, and all may be called
+    from any thread.
     """
 
     def __init__(self, repository: Repository, limits: Limits | None = None) -> None:
-        """Reads the history; one that cannot be read is logged as a warning and left out.
+        """Read the history. If it cannot be read, log a warning and start without it.
 
         Args:
-            repository: its attribute `db` is the database connection.
-            limits: the settings, with `disable_after_errors` (a number of calls) and
-                `disable_cooldown_s` (seconds); a default ToolsConfig when None.
+            repository: its attribute `db` is the database.
+            limits: the settings, with `disable_after_errors` (a number of errors in a row) and
+                `disable_cooldown_s` (seconds); if None, `ToolsConfig()`.
 
-        Raises IndexError, OverflowError, TypeError or ValueError for a stored row that does not
-        convert.
+        Raises IndexError, OverflowError, TypeError or ValueError for a stored row that cannot be
+        converted.
         """
     @property
     def limits(self) -> Limits:
         """The settings, as given to the constructor."""
     @property
     def cooldown_s(self) -> float:
-        """How many seconds a disabled tool stays disabled."""
+        """How many seconds a tool stays disabled after its latest error."""
     @property
     def has_unsaved_changes(self) -> bool:
         """Whether `flush` has anything to write."""
@@ -160,44 +165,44 @@ class ToolHealthTracker:
         alias_hit: bool,
         duration_ms: float | None,
     ) -> None:
-        """Count a call under its tool, action, outcome and use of a synonym.
+        """Count a call: by tool, action, outcome, and whether it used a synonym.
 
         Args:
             tool_name: the tool's name.
             action: the action that ran, or None for a tool without actions.
-            outcome: how the call ended.
+            outcome: how the call ended, in a word of your choice.
             alias_hit: whether the call named a parameter or an action by a synonym.
-            duration_ms: how long the handler ran, in milliseconds, or None when it did not run or
-                did not answer.
+            duration_ms: how long the handler ran, in milliseconds; None if it did not run or did
+                not answer.
 
-        Raises TypeError for a missing or wrong argument and OverflowError for a time that no float
-        holds, and then counts nothing.
+        Raises TypeError for a missing or wrong argument, and OverflowError for a time that does not
+        fit into a float; then the call is not counted.
         """
     def record_success(self, tool_name: str) -> None:
-        """Record a successful call: ends the tool's run of errors and enables it."""
+        """Record a successful call. It ends the tool's run of errors and enables the tool."""
     def record_error(self, tool_name: str, error: str | None) -> None:
-        """Record a failed call. The first 500 characters of `error` are kept; None is empty.
+        """Record a failed call and the first 500 characters of its error; None is stored as "".
 
-        The error that completes a run of `limits.disable_after_errors` disables the tool, and so
-        does each one after it: the cooldown counts from the latest.
+        After `limits.disable_after_errors` errors in a row the tool is disabled. Each further error
+        disables it anew: the cooldown starts at the latest.
         """
     def is_disabled(self, tool_name: str) -> tuple[bool, _StoredText]:
         """Whether the tool is disabled: (False, None), or (True, its last error).
 
-        A disabled tool whose cooldown has passed is enabled by this call. A tool never seen is not
-        disabled.
+        If the cooldown of a disabled tool has passed, this call enables it. A tool that was never
+        recorded is not disabled.
         """
     def flush(self) -> int:
-        """Write what changed to the database, which blocks, and return the number of rows written.
+        """Write what has changed to the database, and return the number of rows written.
 
-        Those are the changed tools' and, if any count changed, every row of the usage document. A
-        write that fails raises the database's error; what it was to write goes out with the next
-        flush.
+        These are the rows of the tools that changed and, if any count changed, all rows of the
+        usage document. This blocks: call it in a worker thread, and never run two at once. If a
+        write fails, the database's error is raised, and the next flush tries again.
         """
     def get_health_summary(self) -> list[HealthRecord]:
-        """Every tool with its health and usage, new: most errors first, then most calls.
+        """A new record of every tool: those with most errors first, then those with most calls.
 
-        A tool's usage has most calls first. Whatever `is_slow_call` raises is passed on.
+        The usage in a record has most calls first. Whatever `is_slow_call` raises is passed on.
         """
     @property
     def _repo(self) -> Repository: ...
@@ -222,9 +227,9 @@ class ToolHealthTracker:
     def _flush_usage(self) -> int: ...
 
 def handle_get_tool_performance_stats() -> ToolPerformanceStats:
-    """The performance metrics of all tools, in the timing collector's order and with its values.
+    """The performance of all tools, in the order and with the values of the timing collector.
 
-    Raises KeyError for a record of the collector's that lacks one of them.
+    Raises KeyError if one of the collector's records lacks a value.
     """
 
 def thread_census_report(budget: int, census: ThreadCensus | None = None) -> ThreadReport:
@@ -232,10 +237,10 @@ def thread_census_report(budget: int, census: ThreadCensus | None = None) -> Thr
 
     Args:
         budget: the most threads that the process's pools allow.
-        census: a ThreadCensus; one is taken now, which may block, when None.
+        census: a ThreadCensus; if None, one is taken now, which may block.
 
-    `os`, the operating system's count, is left out where it has none. Raises TypeError for a budget
-    that is no integer and AttributeError for a census that lacks a field.
+    `os`, the operating system's count, is left out if it is not known. Raises TypeError if the
+    budget is not an integer, and AttributeError if the census lacks a field.
     """
 
 _SQLITE_TIMESTAMP: Final = "%Y-%m-%d %H:%M:%S"
@@ -246,7 +251,7 @@ _UsageKey: TypeAlias = tuple[str, str | None, str, bool]  # tool, action, outcom
 
 @dataclass
 class _ToolState:
-    """What is known about one tool's health; times in epoch seconds."""
+    """The health of one tool; times are in seconds since 1970."""
 
     call_count: int = 0
     error_count: int = 0
@@ -257,7 +262,7 @@ class _ToolState:
 
 @dataclass
 class _Usage:
-    """The calls that one usage key counts, and their handlers' time in milliseconds."""
+    """The calls counted under one usage key, and the total time of their handlers."""
 
     calls: int = 0
     timed_calls: int = 0
