@@ -5,16 +5,28 @@
 namespace health {
 namespace {
 
+// Passes on the interpreter's present error; one of the kind `expected` says what to set instead.
+[[noreturn]] void raise_missing(const ModuleState& module, const Collaborator& collaborator,
+                                PyObject* expected) {
+    const auto error = take_error();
+    if (PyErr_GivenExceptionMatches(error, expected) == 0) {
+        raise_again(error);
+    }
+    raise_from(error, PyExc_ImportError, "set %U.%s; importing it failed: %S", module.name.get(),
+               text(collaborator.name), error.get());
+}
+
 // The daemon's own object, as `from home import name` finds it.
 Ref import_from_home(const ModuleState& module, const Collaborator& collaborator) {
-    const auto home_name = module.package + collaborator.home;
-    const auto home = import_module(home_name.c_str());
-    Ref found(PyObject_GetAttr(home, module.names[collaborator.name]));
-    if (found == nullptr && PyErr_ExceptionMatches(PyExc_AttributeError)) {
-        raise_from(take_error(), PyExc_ImportError, "cannot import name '%s' from '%s'",
-                   text(collaborator.name), home_name.c_str());
+    const Ref home(PyImport_ImportModule((module.package + collaborator.home).c_str()));
+    if (home == nullptr) {
+        raise_missing(module, collaborator, PyExc_ImportError);
     }
-    return owned(found.release());
+    Ref found(PyObject_GetAttr(home, module.names[collaborator.name]));
+    if (found == nullptr) {
+        raise_missing(module, collaborator, PyExc_AttributeError);
+    }
+    return found;
 }
 
 // The module's __getattr__, which shows the daemon's objects as attributes of the module.

@@ -18,8 +18,8 @@ inline constexpr Collaborator kIsSlowCall{Name::is_slow_call, "tool_schemas"};
 inline constexpr Collaborator kGetTimingCollector{Name::get_timing_collector, "utils.timing"};
 inline constexpr Collaborator kThreadCensus{Name::thread_census, "utils.process"};
 
-// The one set on the module itself, else the daemon's own. An ImportError names one that is not
-// found.
+// The one set on the module itself, else the daemon's own. An ImportError says to set one that is
+// not found.
 Ref find_collaborator(const ModuleState& module, const Collaborator& collaborator);
 
 }  // namespace health
