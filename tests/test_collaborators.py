@@ -51,7 +51,9 @@ def test_what_is_nowhere_is_named(repository, tracker, nowhere, monkeypatch, cap
     [warning] = caplog.messages
     assert re.search("tool health history: " + says("TOOLS", "tool_registry")[1:], warning)
     monkeypatch.setitem(sys.modules, "quillet.tool_registry", object())
-    with pytest.raises(ImportError, match="set .*TOOLS; .* 'object' object has no attribute 'TOOLS'$"):
+    with pytest.raises(
+        ImportError, match="set .*TOOLS; .* 'object' object has no attribute 'TOOLS'$"
+    ):
         health._known("a", None)
     assert len(repository.db.fetchall("SELECT * FROM tool_health")) == 1
 

@@ -78,11 +78,12 @@ int tracker_init(PyObject* self, PyObject* args, PyObject* kwargs) {
 }
 
 int tracker_traverse(PyObject* self, visitproc visit, void* arg) {
-    Py_VISIT(Py_TYPE(self));
-    Py_VISIT(as_object(self)->attributes);
-    Py_VISIT(tracker_of(self).module_owner.get());
-    Py_VISIT(tracker_of(self).repository.get());
-    Py_VISIT(tracker_of(self).limits.get());
+    const auto& tracker = tracker_of(self);
+    for (PyObject* owned :
+         {reinterpret_cast<PyObject*>(Py_TYPE(self)), as_object(self)->attributes,
+          tracker.module_owner.get(), tracker.repository.get(), tracker.limits.get()}) {
+        Py_VISIT(owned);
+    }
     return 0;
 }
 
