@@ -117,7 +117,7 @@ def test_databases_do_what_the_guide_says(harbord, caplog):
 
 def test_the_readme(tmp_path):
     (tmp_path / ".venv").symlink_to(Path(sys.prefix))
-    [code], (_, told, _) = snippets("README.md", "python"), snippets("README.md", "text")
+    [code], (_, told) = snippets("README.md", "python"), snippets("README.md", "text")
     assert code == (ROOT / "examples/embedding/comeback.py").read_text()
     [servers] = snippets("README.md", "json")
     arguments = json.loads(servers)["mcpServers"]["files"]["args"]

@@ -49,18 +49,19 @@ def test_wheels_are_built_installed_and_used_as_the_pages_say(tmp_path, monkeypa
     for file in (name for name in files if (ROOT / name).exists()):
         (tmp_path / file).parent.mkdir(parents=True, exist_ok=True)
         shutil.copy2(ROOT / file, tmp_path / file)
-    plain, play = [b for b in snippets("README.md", "sh") if "build/" in b]
+    guide = "docs/integration.md"
+    plain, *examples = [b for p in ("README.md", guide) for b in snippets(p, "sh") if "build/" in b]
     mydaemon, program = snippets("docs/install.md", "sh")
 
     run(plain, shell=True)
     assert held("wheel") == {f"health{SUFFIX}", "health-stubs/__init__.pyi"}
-    printed = snippets("README.md", "text")
-    assert run(play, shell=True) == printed[0] + printed[-1]
+    printed = snippets("README.md", "text")[0] + snippets(guide, "text")[0]
+    assert "".join(run(example, shell=True) for example in examples) == printed
     site = Path("build/fresh/lib/python3.11/site-packages")
     assert ".symtab" not in run("readelf", "-S", "--wide", site / f"health{SUFFIX}")
     needed = re.findall(r"NEEDED.*\[(\w+)", run("readelf", "-d", site / f"health{SUFFIX}"))
     assert set(needed) <= {"libstdc", "libm", "libgcc_s", "libc", "ld"}
-    Path("build/user.py").write_text(snippets("docs/integration.md", "python")[-1])
+    Path("build/user.py").write_text(snippets(guide, "python")[-1])
     check_types("build/fresh/bin/python", "build/user.py", HARBORD)
 
     *build, install = mydaemon.splitlines()
