@@ -89,7 +89,7 @@ def _label(value: object) -> str:
 
 if __name__ == "__main__":
     from quillet.config import ToolsConfig
-    from quillet.keeper.stored_health import read_stored_health
+    from quillet.hosting.stored_health import read_stored_health
 
     tracker, _ = read_stored_health(Path(sys.argv[1]), ToolsConfig())
     registry = CollectorRegistry()

@@ -1,7 +1,7 @@
 // The protocol's official clients: with a handshake, and without.
 
-import { Client as TodaysClient } from "@modelcontextprotocol/client";
-import { StdioClientTransport as TodaysTransport } from "@modelcontextprotocol/client/stdio";
+import { Client as StatelessClient } from "@modelcontextprotocol/client";
+import { StdioClientTransport as StatelessTransport } from "@modelcontextprotocol/client/stdio";
 import { Client } from "@modelcontextprotocol/sdk/client/index.js";
 import { StdioClientTransport } from "@modelcontextprotocol/sdk/client/stdio.js";
 import { CreateMessageRequestSchema } from "@modelcontextprotocol/sdk/types.js";
@@ -17,8 +17,8 @@ export const KINDS = {
     sample: (client, answer) => client.setRequestHandler(CreateMessageRequestSchema, answer),
   },
   "client, without": {
-    make: () => new TodaysClient(INFO, { ...SAMPLING, versionNegotiation: { mode: "auto" } }),
-    Transport: TodaysTransport,
+    make: () => new StatelessClient(INFO, { ...SAMPLING, versionNegotiation: { mode: "auto" } }),
+    Transport: StatelessTransport,
     call: (client, call, options) => client.callTool(call, options),
     sample: (client, answer) => client.setRequestHandler("sampling/createMessage", answer),
     revision: "2026-07-28",

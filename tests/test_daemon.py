@@ -14,9 +14,9 @@ from unittest import mock
 import pytest
 from quillet import diagnostics
 from quillet.config import ToolsConfig, read_tools_config
-from quillet.keeper import flusher
-from quillet.keeper.gate import ToolGate
-from quillet.keeper.stored_health import read_stored_health
+from quillet.hosting import flusher
+from quillet.hosting.gate import ToolGate
+from quillet.hosting.stored_health import read_stored_health
 from quillet.repository import Repository, database_in
 from quillet.tool_handlers import embedding, files, health
 from quillet.tool_handlers.context import CallerError

@@ -13,7 +13,7 @@ from unittest.mock import ANY
 import pytest
 from quillet.client import META, Client
 from quillet.protocol.messages import line_of
-from quillet.protocol.revisions import TODAYS, VERSION
+from quillet.protocol.revisions import STATELESS, VERSION
 from quillet.tool_handlers.health import __version__
 
 SERVE = [sys.executable, "-P", "-m", "quillet", "serve"]
@@ -103,7 +103,7 @@ MESSAGES = {
              PING | {"jsonrpc": 2}, *(PING | {"id": id} for id in (None, True, {}, 1.5))],
     -32601: [PING | {"method": "no/such"}, PING | {"params": META}],
     -32602: [*(PING | {"method": method} for method in ("tools/list", "server/discover")),
-             *(PING | {"params": p} for p in ([], {"_meta": 1}, {"_meta": {VERSION: TODAYS}})),
+             *(PING | {"params": p} for p in ([], {"_meta": 1}, {"_meta": {VERSION: STATELESS}})),
              *(CALL | {"params": META | {"name": name}} for name in (7, "x" * 900_000)),
              CALL | {"params": META | {"name": "status", "arguments": []}},
              PING | {"method": "tools/list", "params": META | {"cursor": "2"}},
@@ -128,7 +128,7 @@ def test_whatever_comes_in_is_answered_as_the_protocol_says(listening, code, mes
     if isinstance(message, dict) and type(message.get("id")) is int:
         told["id"] = 1
     if code == -32022:
-        told["error"]["data"] = {"supported": [TODAYS], "requested": "2025-11-25"}
+        told["error"]["data"] = {"supported": [STATELESS], "requested": "2025-11-25"}
     assert answers == ([told] if code else [])
     assert all(len(answer["error"]["message"]) < 200 for answer in answers)
     if "LD_PRELOAD" not in os.environ:  # a sanitizer takes memory of its own
@@ -159,7 +159,9 @@ def test_a_mistaken_call_is_no_failure_of_the_tool(listening):
     assert read["call_count"] == 0 and {row["outcome"] for row in read["usage"]} == {"invalid"}
 
 
-@pytest.mark.parametrize("asked", ["2025-11-25", "2025-06-18", "2024-11-05", "2025-03-26", TODAYS])
+@pytest.mark.parametrize(
+    "asked", ["2025-11-25", "2025-06-18", "2024-11-05", "2025-03-26", STATELESS]
+)
 def test_both_eras_are_served(start, asked):
     client, server = start(), {"name": "quillet", "version": __version__}
     hello = {"protocolVersion": asked, "capabilities": {}, "clientInfo": {}}
@@ -181,7 +183,7 @@ def test_both_eras_are_served(start, asked):
     assert len(searched["structuredContent"]["matches"]) == 100
     cacheable = named | {"ttlMs": 60_000, "cacheScope": "public"}
     assert client.ask("tools/list")["result"] == tools | cacheable
-    discovered = answer | {"supportedVersions": [TODAYS], "capabilities": {"tools": {}}}
+    discovered = answer | {"supportedVersions": [STATELESS], "capabilities": {"tools": {}}}
     assert client.ask("server/discover")["result"] == discovered | cacheable
 
 

@@ -1,10 +1,12 @@
 """The program: finds the command that its first argument names."""
 
 import os
+import signal
 import sys
 from importlib import import_module
 
 from quillet.diagnostics import complain, finish_log
+from quillet.exit_status import ExitStatus, killed_by
 from quillet.options import parse_options
 
 
@@ -13,7 +15,7 @@ def main() -> int:
     for stream, name in ((sys.stdin, "input"), (sys.stdout, "output")):
         if not stream:  # the next file that is opened would be taken for it
             complain(f"standard {name} is closed")
-            return 2
+            return ExitStatus.CANNOT_START
     if not sys.stderr:
         os.open(os.devnull, os.O_WRONLY)
     options = parse_options(sys.argv[1:])
@@ -25,10 +27,10 @@ if __name__ == "__main__":
     try:
         status = main()
     except KeyboardInterrupt:
-        status = 130
+        status = killed_by(signal.SIGINT)
     except OSError as error:
         complain(error)
-        status = 1
+        status = ExitStatus.FAILED
     # Threads may still be reading, or running a handler: nothing waits for these.
     finish_log()
     os._exit(status)

@@ -10,9 +10,9 @@ from queue import Empty, SimpleQueue
 from typing import Any, Self
 
 from quillet.protocol.messages import Id, line_of
-from quillet.protocol.revisions import CLIENT_CAPABILITIES, TODAYS, VERSION
+from quillet.protocol.revisions import CLIENT_CAPABILITIES, STATELESS, VERSION
 
-META = {"_meta": {VERSION: TODAYS, CLIENT_CAPABILITIES: {}}}
+META = {"_meta": {VERSION: STATELESS, CLIENT_CAPABILITIES: {}}}
 PATIENCE_S = 60
 
 
@@ -42,7 +42,7 @@ class Client:
         self._input.flush()
 
     def request(self, method: str, params: Mapping[str, Any] = {}, id: Id | None = None) -> Id:
-        """Writes a request of today's revision; returns its id."""
+        """Writes a request of the stateless revision; returns its id."""
         id = next(self._ids) if id is None else id
         self.send(line_of({"id": id, "method": method, "params": {**META, **params}}))
         return id

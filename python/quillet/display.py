@@ -10,7 +10,7 @@ from rich.table import Table
 from rich.text import Text
 
 from quillet.diagnostics import printable
-from quillet.keeper.next_try import next_try_text
+from quillet.hosting.next_try import next_try_text
 
 INDENT = 5
 OUTCOMES = {False: ("ok", "green"), True: ("failed", "red")}

@@ -5,26 +5,9 @@ from collections.abc import Sequence
 from contextlib import suppress
 from pathlib import Path
 
+from quillet.exit_status import exit_status_help
 from quillet.repository import DATABASE
 from quillet.tool_handlers.health import __version__
-
-EXIT_STATUSES = """\
-exit status of serve:
-  0      the input ended, and everything is answered
-  1      a stream failed
-  2      it could not start
-  3      the tools' health could not be saved
-  128+n  signal n ended it
-exit status of guard:
-  the same, or the server's own if the server ended by itself
-exit status of play:
-  0      all calls were made
-  1      the script is wrong, or the server ended
-exit status of status:
-  0      shown; with --check: all is well
-  1      with --check: a tool is disabled
-  2      the database cannot be read; with --check: or a row of it
-"""
 
 
 def parse_options(arguments: Sequence[str]) -> argparse.Namespace:
@@ -32,7 +15,7 @@ def parse_options(arguments: Sequence[str]) -> argparse.Namespace:
     parser = argparse.ArgumentParser(
         prog="quillet",
         description="Keeps the health of an AI agent's tools, around any MCP server or in a demo.",
-        epilog=EXIT_STATUSES,
+        epilog=exit_status_help(),
         formatter_class=argparse.RawDescriptionHelpFormatter,
     )
     parser.add_argument("--version", action="version", version=f"%(prog)s {__version__}")

@@ -4,9 +4,9 @@ import argparse
 
 from quillet.guard.relay import Relay
 from quillet.guard.watch import Watch
-from quillet.keeper import lifecycle
-from quillet.keeper.ending import Ending
-from quillet.keeper.stored_health import register_every_tool
+from quillet.hosting import lifecycle
+from quillet.hosting.shutdown import Shutdown
+from quillet.hosting.stored_health import register_every_tool
 from quillet.repository import Repository
 from quillet.tool_handlers import health
 
@@ -14,10 +14,10 @@ from quillet.tool_handlers import health
 def main(options: argparse.Namespace) -> int:
     """Guards the server until a side leaves or a signal comes; returns the exit status."""
 
-    async def guard(kept: Repository, tracker: health.ToolHealthTracker, ending: Ending) -> int:
+    async def guard(kept: Repository, tracker: health.ToolHealthTracker, shutdown: Shutdown) -> int:
         watch = Watch(tracker, kept.db.notes, errors_disable=options.disable_on == "errors")
-        relay = Relay(options.server, watch, ending, options.timeout)
-        status = await ending.status
+        relay = Relay(options.server, watch, shutdown, options.timeout)
+        status = await shutdown.status
         relay.stop()
         watch.end()
         return status

@@ -13,6 +13,7 @@ from typing import Any, TextIO
 from quillet.client import Client
 from quillet.diagnostics import complain
 from quillet.display import answer_text, heading_text
+from quillet.exit_status import ExitStatus
 
 MAX_LINE_CHARS = 1_000_000
 MAX_WAIT_S = 5
@@ -21,7 +22,7 @@ WAIT_FORM = f'{{"wait_s": 0 to {MAX_WAIT_S}}}'
 
 
 def main(options: argparse.Namespace) -> int:
-    """Plays a story; returns 0 when all of it was, else 1."""
+    """Plays a story; returns the exit status."""
     daemon = [sys.executable, "-I" if sys.flags.isolated else "-P", "-m", "quillet", "serve"]
     for name in ("repository", "database", "config"):
         if value := getattr(options, name):
@@ -32,11 +33,11 @@ def main(options: argparse.Namespace) -> int:
             complain(f"waiting for calls, {CALL_FORM} a line; Ctrl-D ends")
         with Client(daemon) as client:
             _play(story, client)
-        return 0
+        return ExitStatus.OK
     except (OSError, ValueError, EOFError) as error:
         if not isinstance(error, BrokenPipeError):  # nobody reads on
             complain(error)
-        return 1
+        return ExitStatus.FAILED
 
 
 def _play(story: TextIO, client: Client) -> None:

@@ -9,14 +9,15 @@ from typing import Any
 from quillet.config import read_tools_config
 from quillet.diagnostics import complain
 from quillet.display import status_text
-from quillet.keeper.next_try import tools_with_next_try
-from quillet.keeper.stored_health import read_stored_health
+from quillet.exit_status import ExitStatus
+from quillet.hosting.next_try import tools_with_next_try
+from quillet.hosting.stored_health import read_stored_health
 from quillet.protocol.results import json_safe
 from quillet.repository import database_in
 
 
 def main(options: argparse.Namespace) -> int:
-    """Shows the status; returns its exit status, 2 when the database or a setting is wrong."""
+    """Shows the status; returns the exit status."""
     # As nothing is written, signals end it at once: amid a long statement, or when nobody reads on.
     for number in (signal.SIGINT, signal.SIGPIPE):
         signal.signal(number, signal.SIG_DFL)
@@ -24,12 +25,14 @@ def main(options: argparse.Namespace) -> int:
         status = json_safe(_stored_status(options))
     except (OSError, ValueError) as error:
         complain(error)
-        return 2
+        return ExitStatus.UNREADABLE
     as_text = options.text or (sys.stdout.isatty() and not options.json)
     print(status_text(status) if as_text else json.dumps(status), flush=True)
-    if not options.check:
-        return 0
-    return 2 if status["damaged"] else int(any(tool["disabled"] for tool in status["tools"]))
+    if options.check and status["damaged"]:
+        return ExitStatus.UNREADABLE
+    if options.check and any(tool["disabled"] for tool in status["tools"]):
+        return ExitStatus.TOOL_DISABLED
+    return ExitStatus.OK
 
 
 def _stored_status(options: argparse.Namespace) -> dict[str, Any]:

@@ -8,7 +8,7 @@ from reprlib import repr as shortened
 from typing import Any
 
 from quillet.daemon.tool_pipeline import ToolPipeline
-from quillet.keeper.outcome import Outcome
+from quillet.hosting.outcome import Outcome
 from quillet.protocol import messages, revisions
 from quillet.protocol.messages import Id, Message, ProtocolError
 from quillet.protocol.results import tool_result
@@ -72,27 +72,27 @@ class Session:
 
     async def _result(self, request: Message) -> dict[str, Any]:
         params = request.params
-        todays = revisions.is_todays(params)
+        stateless = revisions.is_stateless(params)
         match request.method:
-            case "initialize" if not todays:
+            case "initialize" if not stateless:
                 result = revisions.initialize_result(params)
                 self._initialized = True
                 return result
-            case "ping" if not todays:
+            case "ping" if not stateless:
                 return {}
-            case "server/discover" if todays:
+            case "server/discover" if stateless:
                 result = revisions.discovery()
-            case "tools/list" if todays or self._initialized:
+            case "tools/list" if stateless or self._initialized:
                 result = _tool_list(params)
-            case "tools/call" if todays or self._initialized:
+            case "tools/call" if stateless or self._initialized:
                 result = await self._call(params)
             case "server/discover" | "tools/list" | "tools/call":
                 words = f"_meta lacks {revisions.VERSION}, and no hands were shaken"
                 raise ProtocolError(messages.INVALID_PARAMS, words)
             case method:
                 raise ProtocolError(messages.METHOD_NOT_FOUND, f"No method {shortened(method)}")
-        if todays:
-            return revisions.todays_result(result, cacheable=request.method != "tools/call")
+        if stateless:
+            return revisions.stateless_result(result, cacheable=request.method != "tools/call")
         return result
 
     async def _call(self, params: dict[str, Any]) -> dict[str, Any]:

@@ -8,7 +8,8 @@ from collections.abc import Callable, Iterator
 from io import BufferedReader
 from queue import SimpleQueue
 
-from quillet.keeper.ending import Ending
+from quillet.exit_status import ExitStatus
+from quillet.hosting.shutdown import Shutdown
 from quillet.protocol.messages import MAX_MESSAGE_BYTES
 
 MAX_OPEN = 256  # lines read and not answered yet; reading waits when there are so many
@@ -24,9 +25,9 @@ class StandardStreams:
     that go on although nobody asks for their answers any more.
     """
 
-    def __init__(self, settle: Callable[[], None], ending: Ending) -> None:
+    def __init__(self, settle: Callable[[], None], shutdown: Shutdown) -> None:
         self._settle = settle
-        self._ending = ending
+        self._shutdown = shutdown
         self._loop = asyncio.get_running_loop()
         self._room = threading.Semaphore(MAX_OPEN)
         self._answers: SimpleQueue[bytes] = SimpleQueue()
@@ -67,9 +68,9 @@ class StandardStreams:
             settling = threading.Thread(target=self._settle, name="settling", daemon=True)
             settling.start()
             settling.join(SETTLING_S)
-            self._ending.end(0)
+            self._shutdown.request(ExitStatus.OK)
         except Exception as error:
-            self._ending.end(1, f"standard input: {error}")
+            self._shutdown.request(ExitStatus.FAILED, f"standard input: {error}")
 
     def _write(self) -> None:
         try:
@@ -81,7 +82,7 @@ class StandardStreams:
                         rest = rest[os.write(self._output, rest) :]
                 self._room.release()
         except Exception as error:
-            self._ending.end(1, f"standard output: {error}")
+            self._shutdown.request(ExitStatus.FAILED, f"standard output: {error}")
 
 
 def _lines(source: BufferedReader) -> Iterator[bytes]:

@@ -7,8 +7,8 @@ from concurrent.futures import ThreadPoolExecutor
 from typing import Any, NamedTuple
 
 from quillet.daemon.tool_calls import ToolCall, UnclearCall, resolve
-from quillet.keeper.gate import ToolGate
-from quillet.keeper.outcome import Outcome
+from quillet.hosting.gate import ToolGate
+from quillet.hosting.outcome import Outcome
 from quillet.repository import Repository
 from quillet.tool_handlers.context import CallerError, ToolContext
 from quillet.tool_handlers.health import ToolHealthTracker

@@ -14,8 +14,9 @@ from functools import partial
 from queue import SimpleQueue
 
 from quillet.diagnostics import complain
+from quillet.exit_status import ExitStatus, killed_by
 from quillet.guard.watch import Watch
-from quillet.keeper.ending import Ending
+from quillet.hosting.shutdown import Shutdown
 
 SILENT_S = 5.0  # how long a server that is to end may take from one message to the next
 SIGNALLED_S = 0.5  # and from a signal on, the guard's own among them
@@ -31,11 +32,11 @@ class Relay:
     """
 
     def __init__(
-        self, command: Sequence[str], watch: Watch, ending: Ending, timeout_s: float | None
+        self, command: Sequence[str], watch: Watch, shutdown: Shutdown, timeout_s: float | None
     ) -> None:
         if not shutil.which(command[0]):
             raise FileNotFoundError(f"there is no command {command[0]!r}")
-        self._watch, self._ending = watch, ending
+        self._watch, self._shutdown = watch, shutdown
         self._to_client, self._to_server = threading.Lock(), threading.Lock()
         self._cancels: SimpleQueue[bytes] = SimpleQueue()
         self._leaving, self._moved_at = False, 0.0
@@ -64,7 +65,7 @@ class Relay:
                 work(*given)
             except Exception as error:
                 words = error if isinstance(error, OSError) else repr(error)
-                self._ending.end(1, f"{name}: {words}")
+                self._shutdown.request(ExitStatus.FAILED, f"{name}: {words}")
 
         thread = threading.Thread(target=run, name=name, daemon=True)
         thread.start()
@@ -116,7 +117,7 @@ class Relay:
             self._to_client.locked() or time.monotonic() < self._moved_at + SILENT_S
         ):
             self._down.join(TICK_S)
-        self._ending.end(0)
+        self._shutdown.request(ExitStatus.OK)
 
     def _server_to_client(self) -> None:
         os.set_blocking(1, True)
@@ -133,7 +134,7 @@ class Relay:
             try:
                 self._end_server(SILENT_S)
                 status = self._server.wait()
-                status = status if status >= 0 else 128 - status
+                status = status if status >= 0 else killed_by(-status)
                 why = f"the server ended with status {status}"
                 answers, handshake = self._watch.server_ended(why)
                 started = handshake is not None and self._start()
@@ -143,7 +144,7 @@ class Relay:
             finally:
                 self._to_server.release()
             self._tell_client(answers if line.endswith(b"\n") else b"\n" + answers)
-        self._ending.end(status, why)
+        self._shutdown.request(status, why)
 
     def _expire_calls(self, timeout_s: float) -> None:
         while True:
@@ -168,7 +169,7 @@ class Relay:
                     lines = lines[os.write(1, lines) :]
             self._moved_at = time.monotonic()
         except OSError as error:
-            self._ending.end(1, f"standard output: {error}")
+            self._shutdown.request(ExitStatus.FAILED, f"standard output: {error}")
 
     def _tell_server(self, line: bytes) -> None:
         """Under the lock."""

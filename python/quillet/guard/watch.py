@@ -10,9 +10,9 @@ from contextlib import suppress
 from dataclasses import dataclass
 from typing import Any
 
-from quillet.keeper.gate import ToolGate
-from quillet.keeper.next_try import tools_with_next_try
-from quillet.keeper.outcome import Outcome
+from quillet.hosting.gate import ToolGate
+from quillet.hosting.next_try import tools_with_next_try
+from quillet.hosting.outcome import Outcome
 from quillet.protocol import messages, revisions
 from quillet.protocol.results import tool_result
 from quillet.tool_handlers.health import ToolHealthTracker
@@ -55,7 +55,7 @@ class Call(Request):
 
     tool: str
     action: str | None
-    todays: bool  # of today's revision of the protocol
+    stateless: bool  # of the protocol's stateless revision
     task: bool  # a result would have to be a task's
     progress: Any  # the token of its progress
     began: float
@@ -64,8 +64,8 @@ class Call(Request):
     def answer(self, content: Any, *, failed: bool) -> bytes:
         """The line that answers it."""
         result = tool_result(content, failed=failed)
-        if self.todays:
-            result = revisions.todays_result(result, cacheable=False)
+        if self.stateless:
+            result = revisions.stateless_result(result, cacheable=False)
         return messages.line_of({"id": self.id, "result": result})
 
     def failure(self, why: str) -> bytes:

@@ -1,6 +1,7 @@
 """Which revision of the protocol a request is of.
 
-Today's has every request say so in its `_meta`; of those before, a handshake at the start does.
+The stateless revision has every request say so in its `_meta`; an earlier one is agreed on in a
+handshake at the start.
 """
 
 from reprlib import repr as shortened
@@ -9,7 +10,7 @@ from typing import Any
 from quillet.protocol.messages import INVALID_PARAMS, ProtocolError
 from quillet.tool_handlers.health import __version__
 
-TODAYS = "2026-07-28"
+STATELESS = "2026-07-28"
 WITH_HANDSHAKE = ("2025-11-25", "2025-06-18", "2024-11-05")
 VERSION = "io.modelcontextprotocol/protocolVersion"
 CLIENT_CAPABILITIES = "io.modelcontextprotocol/clientCapabilities"
@@ -24,8 +25,8 @@ INTRODUCTION = {"capabilities": {"tools": {}}, "instructions": INSTRUCTIONS}
 SERVER = {"name": "quillet", "version": __version__}
 
 
-def is_todays(params: dict[str, Any]) -> bool:
-    """Whether a request is of today's revision; a ProtocolError if it names an unknown one."""
+def is_stateless(params: dict[str, Any]) -> bool:
+    """Whether a request is of the stateless revision; a ProtocolError if it names another one."""
     meta = params.get("_meta", {})
     if not isinstance(meta, dict):
         raise ProtocolError(INVALID_PARAMS, "_meta must be an object")
@@ -34,8 +35,8 @@ def is_todays(params: dict[str, Any]) -> bool:
     version = meta.get(VERSION)
     if not isinstance(version, str):
         raise ProtocolError(INVALID_PARAMS, f"_meta lacks {VERSION}, a text")
-    if version != TODAYS:
-        data = {"supported": [TODAYS], "requested": version}
+    if version != STATELESS:
+        data = {"supported": [STATELESS], "requested": version}
         raise ProtocolError(UNSUPPORTED_VERSION, f"No version {shortened(version)}", data)
     if not isinstance(meta.get(CLIENT_CAPABILITIES), dict):
         raise ProtocolError(INVALID_PARAMS, f"_meta lacks {CLIENT_CAPABILITIES}, an object")
@@ -45,11 +46,11 @@ def is_todays(params: dict[str, Any]) -> bool:
 def discovery() -> dict[str, Any]:
     """The answer to `server/discover`."""
     # Clients would send a version with a handshake in `_meta`, too, were it named here.
-    return {"supportedVersions": [TODAYS], **INTRODUCTION}
+    return {"supportedVersions": [STATELESS], **INTRODUCTION}
 
 
-def todays_result(result: dict[str, Any], *, cacheable: bool) -> dict[str, Any]:
-    """A result with what today's revision has in each."""
+def stateless_result(result: dict[str, Any], *, cacheable: bool) -> dict[str, Any]:
+    """A result with what the stateless revision has in each."""
     caching = {"ttlMs": FRESH_MS, "cacheScope": "public"} if cacheable else {}
     return {"resultType": "complete", "_meta": {SERVER_INFO: SERVER}, **caching, **result}
 

@@ -4,7 +4,7 @@ import logging
 import threading
 import time
 
-from quillet.keeper.next_try import FORM, next_try, next_try_text
+from quillet.hosting.next_try import FORM, next_try, next_try_text
 from quillet.protocol.results import json_safe
 from quillet.tool_handlers.health import ToolHealthTracker
 

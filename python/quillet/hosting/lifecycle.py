@@ -9,14 +9,15 @@ from typing import Any
 
 from quillet.config import read_tools_config
 from quillet.diagnostics import complain, start_log
-from quillet.keeper.ending import Ending
-from quillet.keeper.flusher import Flusher
-from quillet.keeper.stored_health import read_stored_health
+from quillet.exit_status import ExitStatus
+from quillet.hosting.shutdown import Shutdown
+from quillet.hosting.flusher import Flusher
+from quillet.hosting.stored_health import read_stored_health
 from quillet.repository import Repository
 from quillet.tool_handlers.health import ToolHealthTracker
 
 START_ERRORS = (OSError, ValueError, TypeError, OverflowError, RuntimeError, sqlite3.Error)
-Serve = Callable[[Repository, ToolHealthTracker, Ending], Awaitable[int]]
+Serve = Callable[[Repository, ToolHealthTracker, Shutdown], Awaitable[int]]
 
 
 def run(options: argparse.Namespace, serve: Serve) -> int:
@@ -27,26 +28,26 @@ def run(options: argparse.Namespace, serve: Serve) -> int:
 
 async def _run(options: argparse.Namespace, serve: Serve) -> int:
     """Never blocks: a signal must end it at any time, even while the database is opened."""
-    ending = Ending()
+    shutdown = Shutdown()
     try:
         # Not on the loop's own threads, which it would wait for in the end.
         starter = ThreadPoolExecutor(1, "start")
         opening = asyncio.get_running_loop().run_in_executor(starter, _open, options)
         starter.shutdown(wait=False)
-        either: set[asyncio.Future[Any]] = {opening, ending.status}
+        either: set[asyncio.Future[Any]] = {opening, shutdown.status}
         await asyncio.wait(either, return_when=asyncio.FIRST_COMPLETED)
-        if ending.status.done():
-            return ending.status.result()
+        if shutdown.status.done():
+            return shutdown.status.result()
         repository, tracker = opening.result()
         for note in repository.db.notes.values():
             complain(f"{repository.db.path}: {note}")
         with Flusher(tracker) as flusher:
-            status = await serve(repository, tracker, ending)
+            status = await serve(repository, tracker, shutdown)
     except START_ERRORS as error:
         complain(error)
-        return 2
+        return ExitStatus.CANNOT_START
     if not flusher.saved:
-        return 3
+        return ExitStatus.NOT_SAVED
     repository.db.close()
     return status
 
