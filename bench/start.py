@@ -25,8 +25,9 @@ def figures() -> Iterator[Figure]:
 
 
 def _from_a_file(subject: str, **options: Any) -> Figure:
-    with tempfile.TemporaryDirectory() as folder, Repository(Path(folder)) as repository:
-        return _figure(subject, repository.db, **options)
+    with tempfile.TemporaryDirectory() as folder:
+        with Repository(Path(folder), Path(folder, "db")) as repository:
+            return _figure(subject, repository.db, **options)
 
 
 def _figure(subject: str, db: Any, actions: int, rounds: int, at_least: Any = None) -> Figure:

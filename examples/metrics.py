@@ -7,7 +7,7 @@ Register the collector beside the daemon's own metrics, with what saves the trac
 A scrape then asks the tracker once and waits for no database. Error texts are left out: as labels
 they would make a series each. Run as a program, it prints the metrics of a stored history:
 
-    python -I examples/metrics.py .quillet/quillet.db
+    python -I examples/metrics.py tools.db
 """
 
 import sys

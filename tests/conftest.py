@@ -1,4 +1,6 @@
+import os
 import signal
+from unittest import mock
 
 import pytest
 from quillet.config import ToolsConfig
@@ -59,9 +61,16 @@ class SpyRepository:
         return call
 
 
+@pytest.fixture(scope="session", autouse=True)
+def state_folder(tmp_path_factory):
+    """Keeps the histories of all served folders out of the state folder of who runs the tests."""
+    with mock.patch.dict(os.environ, XDG_STATE_HOME=str(tmp_path_factory.mktemp("state"))):
+        yield
+
+
 @pytest.fixture
 def repository(tmp_path):
-    with Repository(tmp_path) as repository:
+    with Repository(tmp_path, tmp_path / "db") as repository:
         yield SpyRepository(repository)
 
 

@@ -17,7 +17,7 @@ KILLS = 100
 
 def work(folder, acknowledged):
     """Records and flushes for ever, and tells after each flush how many calls are stored."""
-    with Repository(folder) as repository:
+    with Repository(folder, folder / "db") as repository:
         tracker = health.ToolHealthTracker(repository, ToolsConfig())
         for calls in itertools.count(1):
             tracker.record_success("status")
@@ -47,7 +47,7 @@ def main():
     for _ in range(KILLS):
         with tempfile.TemporaryDirectory() as name:
             flushes += (acknowledged := killed(Path(name)))
-            with Repository(Path(name)) as repository:
+            with Repository(Path(name), Path(name, "db")) as repository:
                 assert repository.db.fetchall("PRAGMA integrity_check") == [("ok",)]
                 tracker = health.ToolHealthTracker(repository, ToolsConfig())
                 [state], [usage] = tracker._state.values(), tracker._usage.values()

@@ -1,13 +1,13 @@
 """What the daemon's parts keep: what is told of disabled tools, what is saved, what is refused."""
 
 import io
-import os
 import re
 import sqlite3
 import sys
 import threading
 import time
 from contextlib import closing
+from pathlib import Path
 from types import SimpleNamespace
 from unittest import mock
 
@@ -16,8 +16,8 @@ from quillet import diagnostics
 from quillet.config import ToolsConfig, read_tools_config
 from quillet.hosting import flusher
 from quillet.hosting.gate import ToolGate
-from quillet.hosting.stored_health import read_stored_health
-from quillet.repository import Repository, database_in
+from quillet.database import Database
+from quillet.repository import database_of
 from quillet.tool_handlers import embedding, files, health
 from quillet.tool_handlers.context import CallerError
 from quillet.utils.process import thread_census
@@ -127,66 +127,40 @@ def test_wrong_settings_are_named(tmp_path, text, named):
 @pytest.fixture
 def root(tmp_path):
     """A served folder, of which somebody else decides what lies in it."""
-    (tmp_path / "root" / ".quillet").mkdir(parents=True)
+    (tmp_path / "root").mkdir()
     (tmp_path / "file").write_text("text\n")
     return tmp_path / "root"
 
 
-def refused(root, words):
-    """For the daemon, for `status`, and with what is elsewhere as it was."""
-    with pytest.raises((OSError, sqlite3.DatabaseError), match=words):
-        Repository(root)
-    with pytest.raises((OSError, ValueError), match=words):
-        read_stored_health(database_in(root), ToolsConfig())
-    assert (root.parent / "file").read_text() == "text\n" and len(os.listdir(root.parent)) == 2
-
-
-@pytest.mark.parametrize("name", [f"quillet.db{end}" for end in ("", "-wal", "-journal", ".lock")])
-@pytest.mark.parametrize("target", ["file", "new", "pipe"])
-def test_no_link_is_followed_and_no_pipe_waited_for(root, name, target):
-    place = root / ".quillet" / name
-    os.mkfifo(place) if target == "pipe" else place.symlink_to(root.parent / target)
-    refused(root, f"{name} is not a plain file")
-
-
 def test_a_start_waits_for_a_daemon_that_is_just_ending(tmp_path):
-    threading.Timer(0.2, Repository(tmp_path).db.close).start()
-    Repository(tmp_path).db.close()
-
-
-def test_neither_folder_nor_journal_leads_elsewhere(root):
-    own = root / ".quillet"
-    (own / "quillet.db").touch()
-    # So ends a journal that names a further one, which SQLite would delete.
-    (own / "quillet.db-journal").write_bytes(b"file\0\0\0\4\0\0\0\0\xd9\xd5\5\xf9\x20\xa1\x63\xd7")
-    refused(root, "journal is not of a daemon's making")
-    own.rename(root / "own")
-    own.symlink_to(root / "own")
-    refused(root, ".quillet is a link")
+    threading.Timer(0.2, Database(tmp_path / "db").close).start()
+    with closing(Database(tmp_path / "db")) as db:
+        assert db.notes == {}
 
 
 @pytest.mark.parametrize(
-    "code",
-    ["CREATE VIEW tool_health AS WITH c(x) AS (SELECT 1 UNION SELECT x + 1 FROM c) SELECT * FROM c",
-     "CREATE TABLE t (a); CREATE TRIGGER u AFTER INSERT ON t BEGIN DELETE FROM t; END",
-     "CREATE VIRTUAL TABLE t USING fts5(a)",
-     "CREATE TABLE tool_health (a, tool_name AS (hex(zeroblob(500000000))))",
-     "CREATE TABLE t (a); CREATE INDEX u ON t (hex(zeroblob(500000000)))"],
-)  # fmt: skip
-def test_no_code_of_the_database_runs(root, code):
-    with closing(sqlite3.connect(root / ".quillet" / "quillet.db")) as other:
-        other.executescript(code)
-    refused(root, "only plain tables are used")
+    ("variable", "home"),
+    [("/state", "/state"), ("state", "/me/.local/state"), ("", "/me/.local/state")],
+)
+def test_a_folders_history_lies_in_the_state_folder(tmp_path, monkeypatch, variable, home):
+    monkeypatch.setenv("XDG_STATE_HOME", variable)
+    monkeypatch.setenv("HOME", "/me")
+    served = tmp_path / "caf\xe9 1"
+    served.mkdir()
+    (tmp_path / "link").symlink_to(served)
+    place = database_of(served)
+    assert re.fullmatch(f"{home}/quillet/caf__1-[0-9a-f]{{16}}.db", str(place))
+    assert database_of(tmp_path / "link") == place != database_of(tmp_path / "x" / served.name)
+    assert len(database_of(tmp_path / ("x" * 255)).name) < 80 and database_of(Path("/")).name
 
 
 def test_only_what_is_served_is_read(root, monkeypatch):
     here, refusal = SimpleNamespace(root=root), "is not among the repository's files"
     (root / "out").symlink_to(root.parent)
     (root / "a").write_text("text\n" * 101)
-    (root / ".quillet" / "a").write_text("text\n")
     found = files.search_text(here, "text")
     assert [match["path"] for match in found["matches"]] == ["a"] * 100 and found["more"]
-    for path in ("../file", f"{root.parent}/file", "out/file", ".quillet/a", "../" + "x" * 10**5):
+    for path in ("../file", f"{root.parent}/file", "out/file", "../" + "x" * 10**5):
         with pytest.raises(CallerError, match=refusal):
             files.read_file(here, path)
     # A file may be swapped for a link once its name was found to be good.

@@ -12,8 +12,10 @@ from unittest.mock import ANY
 
 import pytest
 from quillet.client import META, Client
+from quillet.database import Database
 from quillet.protocol.messages import line_of
 from quillet.protocol.revisions import STATELESS, VERSION
+from quillet.repository import database_of
 from quillet.tool_handlers.health import __version__
 
 SERVE = [sys.executable, "-P", "-m", "quillet", "serve"]
@@ -93,7 +95,7 @@ def reads(count):
 
 
 def counts(folder):
-    with closing(sqlite3.connect(folder / ".quillet/quillet.db")) as db:
+    with closing(sqlite3.connect(database_of(folder))) as db:
         return dict(db.execute("SELECT tool_name, call_count FROM tool_health"))
 
 
@@ -208,7 +210,7 @@ def test_a_signal_ends_it_with_all_saved_that_was_answered(start, tmp_path, name
     client, number = start(WITH_TOOLS), signal.Signals[f"SIG{names[0]}"]
     client.request("tools/call", {"name": "hang"})
     client.ask("tools/list")
-    with closing(sqlite3.connect(tmp_path / ".quillet/quillet.db", isolation_level=None)) as other:
+    with closing(sqlite3.connect(database_of(tmp_path), isolation_level=None)) as other:
         other.execute("BEGIN IMMEDIATE")  # for which no call waits, but the last flush
         client.call("read_file", {"path": "a.txt"})
         for name in names:
@@ -223,7 +225,7 @@ def test_a_signal_ends_it_with_all_saved_that_was_answered(start, tmp_path, name
 
 def test_a_signal_ends_a_start_that_waits(start, tmp_path):
     start().end()
-    with closing(sqlite3.connect(tmp_path / ".quillet/quillet.db", isolation_level=None)) as other:
+    with closing(sqlite3.connect(database_of(tmp_path), isolation_level=None)) as other:
         other.execute("PRAGMA journal_mode = DELETE")
         other.execute("BEGIN EXCLUSIVE")
         client = start()
@@ -324,7 +326,7 @@ def test_it_ends_with_a_word_when_it_cannot_go_on(start, tmp_path, shell, status
 
 
 def test_a_second_daemon_serves_from_a_copy_and_a_removed_database_is_told(start, tmp_path):
-    database = tmp_path / ".quillet/quillet.db"
+    database = database_of(tmp_path)
     first = start(preexec_fn=lambda: signal.signal(signal.SIGHUP, signal.SIG_IGN))  # as nohup does
     first.call("read_file", {"path": "a.txt"})
     while not counts(tmp_path):  # saved now and then
@@ -340,3 +342,25 @@ def test_a_second_daemon_serves_from_a_copy_and_a_removed_database_is_told(start
     first.call("read_file", {"path": "a.txt"})
     assert first.end() == 3
     assert f"{database}: was removed or replaced" in first.daemon.stderr.read().decode()
+
+
+@pytest.mark.parametrize(
+    ("place", "why"),
+    [("/proc/db", "[Errno 2] No such file or directory: '/proc/db.lock'"),
+     ("PWD/state/db", "disk I/O error")],
+)  # fmt: skip
+def test_what_cannot_be_saved_is_served_from_a_copy(start, tmp_path, place, why):
+    database = tmp_path / "state/db"
+    database.parent.mkdir()
+    with closing(Database(database)) as db:
+        db.execute("INSERT INTO tool_health VALUES ('read_file', 9, 0, NULL, NULL, '')", ())
+    before = database.read_bytes()
+    place = place.replace("PWD", str(tmp_path))
+    full = ["bash", "-c", 'ulimit -f 0; exec "$@"', "bash", *SERVE, "--database", place]
+    client = start(full)
+    client.call("read_file", {"path": "a.txt"})
+    health = client.call("status", {"action": "perf_stats"})["structuredContent"]
+    words = f"{why}: what happens here is not saved"
+    assert health["tools"][0]["call_count"] == (10 if place == str(database) else 1)
+    assert (health["warning"], client.end(), database.read_bytes()) == (words, 0, before)
+    assert client.daemon.stderr.read().decode() == f"quillet: {place}: {words}\n"

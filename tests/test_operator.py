@@ -14,6 +14,7 @@ import pytest
 from conftest import MEMBERS
 from documents import ROOT, snippets
 from quillet.config import ToolsConfig
+from quillet.database import Database
 from quillet.repository import Repository
 from quillet.tool_handlers import health
 from quillet.tool_handlers.health import ToolHealthTracker
@@ -33,11 +34,11 @@ USAGE = [("read_file", None, "ok", True, 9, 8, 18), ("embed_text", "x", "ok", Fa
 @pytest.fixture
 def folder(tmp_path):
     """A folder with a stored history, from which the documents' commands can be run."""
-    with Repository(tmp_path) as repository:
+    with closing(Database(tmp_path / "tools.db")) as db:
         insert = "INSERT INTO tool_health VALUES (?, ?, ?, CAST(? AS TEXT), ?, ?)"
-        repository.db.executemany(insert, ROWS)
+        db.executemany(insert, ROWS)
         usage = json.dumps([dict(zip(MEMBERS, row)) for row in USAGE])
-        repository.db.execute("INSERT INTO schema_info VALUES ('tool_usage', ?)", [usage])
+        db.execute("INSERT INTO schema_info VALUES ('tool_usage', ?)", [usage])
     for name in (".venv", "examples"):
         (tmp_path / name).symlink_to(ROOT / name)
     return tmp_path
@@ -48,25 +49,32 @@ def quillet(*arguments, program=(sys.executable, "-P", "-m", "quillet"), **optio
 
 
 def test_the_status_shows_all_that_is_stored_and_leaves_it_alone(folder):
-    def status(place, cooldown_s):
+    def files():
+        return {f: f.read_bytes() for f in folder.rglob("tools.db*") if f.name[-4:] != "-shm"}
+
+    def status(database, cooldown_s):
         (folder / "config").write_text(f"[tools]\ndisable_cooldown_s = {cooldown_s}")
-        before = {f: f.read_bytes() for f in place.iterdir() if not f.name.endswith("-shm")}
-        run = quillet("status", "--database", place / "quillet.db", "--config", folder / "config")
-        assert before == {f: f.read_bytes() for f in place.iterdir() if f.name[-4:] != "-shm"}
+        before = files()
+        run = quillet("status", "--database", database, "--config", folder / "config")
+        assert before == files()
         return json.loads(run.stdout)["tools"]
 
-    own, killed = folder / ".quillet", folder / "killed"
-    with Repository(folder) as running:
-        blobs = "last_error = x'ff', call_count = 6 WHERE error_count = 1"
-        running.db.execute(f"UPDATE tool_health SET {blobs}", ())
-        running.db.execute(
+    own, killed = folder / "tools.db", folder / "killed"
+    killed.mkdir()
+    with closing(Database(own)) as db:
+        db.execute(
+            "UPDATE tool_health SET last_error = x'ff', call_count = 6 WHERE error_count = 1", ()
+        )
+        db.execute(
             "UPDATE tool_health SET call_count = 1, disabled_at = x'30' WHERE error_count = 0", ()
         )
-        shutil.copytree(own, killed)  # as a daemon leaves it that is killed
-    read, embed = status(killed, 90)
+        for file in files():  # as a daemon leaves them that is killed
+            shutil.copy(file, killed)
+    read, embed = status(killed / "tools.db", 90)
     assert (read["tried_again_at"], read["tried_again_in_s"]) == ("2023-11-14 22:14:51", 0)
     assert (embed["call_count"], embed["last_error"], embed["tried_again_at"]) == (6, "\\xff", None)
-    assert status(own, 1e300)[0]["tried_again_at"] is None and len([*own.iterdir()]) == 2
+    assert status(own, 1e300)[0]["tried_again_at"] is None
+    assert not (folder / "tools.db-wal").exists()
 
 
 def test_a_file_without_a_status_is_named(tmp_path):
@@ -100,7 +108,7 @@ def test_the_examples_show_what_they_say(tmp_path, monkeypatch):
     assert ends == "ooo fff fff foo f o o oo o oo".replace(" ", "")
     logged_at, again_at = re.findall(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d", logged[0])
     assert 3 < health._epoch(again_at) - health._epoch(logged_at) < 7
-    disabling, enabling = (line.split(" ", 2)[2] for line in logged)
+    disabling, enabling = (line.split(" UTC ", 1)[1] for line in logged)
     assert disabling.startswith("WARNING embed_text kept failing and is disabled; it is tried ")
     assert enabling == "INFO embed_text is enabled again: its cooldown has passed"
     assert "\n     embed_text: 3 of 4 runs failed; last error: " in text
@@ -116,7 +124,7 @@ def test_the_examples_show_what_they_say(tmp_path, monkeypatch):
         assert run.stderr.startswith("quillet: line 3: ")
 
 
-def test_no_command_takes_modules_from_the_folder_or_the_environment(folder):
+def test_no_command_takes_modules_from_a_folder_or_leaves_anything_in_it(folder):
     home = folder / "a checkout"
     (home / "bin").mkdir(parents=True)
     (folder / "served").mkdir()
@@ -127,10 +135,19 @@ def test_no_command_takes_modules_from_the_folder_or_the_environment(folder):
     for name in ("json", "sitecustomize", "usercustomize", "rich", "quillet", "asyncio"):
         for place in (folder, folder / "served"):
             (place / f"{name}.py").write_text("raise SystemExit('hostile')")
-    for command, answer in {"serve": "", "play": "", "status": '{"database": "served/'}.items():
-        options = {"program": [home / "bin/quillet"], "cwd": folder, "env": {"PYTHONPATH": "."}}
+    old = folder / "served/.quillet/quillet.db"
+    old.parent.mkdir()
+    old.touch()
+    state, served = folder / "state/quillet", sorted((folder / "served").rglob("*"))
+    environment = {"PYTHONPATH": ".", "XDG_STATE_HOME": str(folder / "state")}
+    for command, answer in {"serve": "", "play": "", "status": f'{{"database": "{state}/'}.items():
+        options = {"program": [home / "bin/quillet"], "cwd": folder, "env": environment}
         run = quillet(command, "--repository", "served", stdin=-3, **options)
-        assert (run.returncode, run.stderr) == (0, "") and run.stdout.startswith(answer)
+        assert run.returncode == 0 and run.stdout.startswith(answer)
+        [own] = state.glob("*.db")
+        told = f"{old} is not used any more: move it to {own}, or remove it"
+        assert run.stderr == f"quillet: {told}\n"
+    assert sorted((folder / "served").rglob("*")) == served and state.stat().st_mode & 0o77 == 0
 
 
 def test_the_commands_of_operations_do_what_it_says(folder):
@@ -143,14 +160,15 @@ def test_the_commands_of_operations_do_what_it_says(folder):
     (screen, exported), [in_the_daemon] = snippets(PAGE, "text"), snippets(PAGE, "python")
     assert run(show) == screen and run(check) == "exit status 2\n"
     assert re.sub("#.*\n", "", run(metrics)) == exported
-    refused = quillet("serve", input="", cwd=folder)
+    serve = ["serve", "--database", "tools.db"]
+    refused = quillet(*serve, input="", cwd=folder)
     told = "these rows and start again\n  Could not read the tool_health row of 'count_lines': "
     assert refused.returncode == 2 and told in refused.stderr
     assert run(enable + forget) + run(enable + forget) == "1\n1\n1\n0\n"
-    assert quillet("serve", input="", cwd=folder).returncode == 0
-    assert not (folder / ".quillet/quillet.db-wal").exists()  # the file alone is a whole copy
+    assert quillet(*serve, input="", cwd=folder).returncode == 0
+    assert not (folder / "tools.db-wal").exists()  # the file alone is a whole copy
     assert run(check) == ""
-    with Repository(folder) as repository:
+    with Repository(folder, folder / "tools.db") as repository:
         tracker = ToolHealthTracker(repository, ToolsConfig(1))
         tracker.record_error("read_file", "e")
         tracker.flush()
@@ -161,7 +179,7 @@ def test_the_commands_of_operations_do_what_it_says(folder):
     run(forget_all)
     assert run(check) == "" and json.loads((folder / "health.json").read_text())["tools"] == []
     run(remove)
-    assert sorted(file.name for file in (folder / ".quillet").iterdir()) == ["quillet.db.lock"]
+    assert [file.name for file in folder.glob("tools.db*")] == ["tools.db.lock"]
     assert run(guard[0]) == "" and json.loads(run(guard[1]))["database"] == "guard.db"
     with closing(sqlite3.connect(folder / "tool-health.db")) as db:
         assert [(1,)] == db.execute("SELECT count(*) FROM tool_health WHERE disabled_at").fetchall()

@@ -1,9 +1,7 @@
 """The SQLite database that a daemon has to itself."""
 
 import fcntl
-import os
 import sqlite3
-import stat
 import threading
 import time
 from collections.abc import Iterator, Sequence
@@ -14,18 +12,9 @@ from typing import Any, BinaryIO
 
 BUSY_TIMEOUT_S = 10
 CLAIM_TIMEOUT_S = 1.0  # for a daemon that is just ending
-NOT_SAVED = "another daemon uses the database: what happens here is not saved"
+IN_USE = "another daemon uses the database"
 ESCAPED = "backslashreplace"  # what is not UTF-8
-# So ends a journal that names a further one: SQLite would delete the file of that name, wherever.
-SUPER_JOURNAL = bytes.fromhex("d9d505f920a163d7")
-# Views, triggers, virtual tables, computed columns and computed indexes.
-NO_PLAIN_TABLES = """
-    SELECT type, name FROM sqlite_schema AS entry
-    WHERE NOT (type IS 'table' AND rootpage > 0 OR type IS 'index' AND sql IS NULL)
-        OR EXISTS (SELECT 1 FROM pragma_table_xinfo(entry.name) WHERE hidden)
-"""
 SCHEMA = """
-    PRAGMA ignore_check_constraints = ON;
     PRAGMA journal_mode = WAL;
     PRAGMA synchronous = FULL;
     CREATE TABLE IF NOT EXISTS tool_health (
@@ -43,27 +32,37 @@ SCHEMA = """
 class Database:
     """One SQLite connection that any thread may use; a change is on disk when its call returns.
 
-    Errors name the file. While another daemon has it, all is done in a copy in memory, and `notes`
-    has a warning for whoever asks how the tools fare.
+    Errors name the file. While another daemon has the file, or it cannot be written, all is done
+    in a copy in memory, and `notes` has a warning for whoever asks how the tools fare.
     """
 
     def __init__(self, path: Path) -> None:
-        self.path = path.parent.resolve() / path.name
+        self.path = path.resolve()
+        self.notes: dict[str, str] = {}
         self._lock = threading.Lock()
-        refuse_strange_files(self.path)
-        self._claim = _claim(self.path)
-        self.notes = {} if self._claim else {"warning": NOT_SAVED}
+        self._claim: BinaryIO | None = None
         with self._naming_the_file():
-            self._connection = sqlite3.connect(self.path, BUSY_TIMEOUT_S, check_same_thread=False)
-            refuse_schema_code(self._connection)
-            if not self._claim:
-                with closing(self._connection) as original:
-                    self._connection = sqlite3.connect(":memory:", check_same_thread=False)
-                    original.backup(self._connection)
-            # A text that was damaged from outside does not hide the others.
-            self._connection.text_factory = partial(str, encoding="utf-8", errors=ESCAPED)
-            self._connection.executescript(SCHEMA)
+            try:
+                self._claim = _claim(self.path)
+                self._connection = sqlite3.connect(path, BUSY_TIMEOUT_S, check_same_thread=False)
+                self._connection.executescript(SCHEMA)
+            except (OSError, sqlite3.OperationalError) as error:
+                self._work_on_a_copy(error)
+        # A text that was damaged from outside does not hide the others.
+        self._connection.text_factory = partial(str, encoding="utf-8", errors=ESCAPED)
         self._file = _identity(self.path)
+
+    def _work_on_a_copy(self, why: Exception) -> None:
+        """In memory, as nothing can be saved."""
+        self.notes["warning"] = f"{why}: what happens here is not saved"
+        if self._claim:
+            self._claim.close()
+            self._claim = None
+        self._connection = sqlite3.connect(":memory:", check_same_thread=False)
+        if self.path.exists():
+            with closing(open_to_read(self.path, CLAIM_TIMEOUT_S)) as original:
+                original.backup(self._connection)
+        self._connection.executescript(SCHEMA)
 
     def fetchall(self, sql: str) -> list[tuple[Any, ...]]:
         with self._lock, self._naming_the_file():
@@ -103,33 +102,29 @@ class Database:
             raise type(error)(f"{self.path}: {error}") from error
 
 
-def refuse_strange_files(path: Path) -> None:
-    """An OSError when a database's file, or one that SQLite keeps beside it, leads to another."""
-    for suffix in ("", "-wal", "-shm", "-journal", ".lock"):
-        with suppress(FileNotFoundError):
-            if not stat.S_ISREG(os.lstat(f"{path}{suffix}").st_mode):
-                raise OSError(f"{path}{suffix} is not a plain file")
-    with suppress(FileNotFoundError), open(f"{path}-journal", "rb") as journal:
-        journal.seek(max(0, os.fstat(journal.fileno()).st_size - len(SUPER_JOURNAL)))
-        if journal.read(len(SUPER_JOURNAL)) == SUPER_JOURNAL:
-            raise OSError(f"{path}-journal is not of a daemon's making")
+def open_to_read(path: Path, timeout_s: float) -> sqlite3.Connection:
+    """A connection that neither writes nor creates anything, whether a daemon is running or not."""
+    # A reader of a database in WAL mode creates its log unless told that nobody else writes.
+    uri = path.resolve().as_uri()
+    if any(Path(f"{path}-{log}").exists() for log in ("wal", "journal")):
+        connection = sqlite3.connect(f"{uri}?mode=ro", uri=True, timeout=timeout_s)
+        try:
+            connection.execute("SELECT 1 FROM sqlite_master")
+            return connection
+        except sqlite3.OperationalError as error:
+            connection.close()
+            if error.sqlite_errorcode == sqlite3.SQLITE_BUSY:
+                raise
+            # A full disk has no room for the log's index.
+    return sqlite3.connect(f"{uri}?immutable=1", uri=True, timeout=timeout_s)
 
 
-def refuse_schema_code(connection: sqlite3.Connection) -> None:
-    """An error for a database that runs code of its own when its tables are read or written."""
-    found = connection.execute(NO_PLAIN_TABLES).fetchone()
-    if found:
-        raise sqlite3.DatabaseError(f"has the {found[0]} {found[1]!r}, only plain tables are used")
-
-
-def _claim(path: Path) -> BinaryIO | None:
-    """The database's lock file, held until it is closed or the process ends; None if another is.
+def _claim(path: Path) -> BinaryIO:
+    """The database's lock file, held until it is closed or the process ends.
 
     It is never removed: two daemons would each hold a file of that name.
     """
-    # Neither a link is followed nor a pipe waited for, and what is in the file stays.
-    flags = os.O_RDWR | os.O_CREAT | os.O_NOFOLLOW | os.O_NONBLOCK
-    file = open(f"{path}.lock", "rb", opener=lambda name, _: os.open(name, flags, 0o666))
+    file = open(f"{path}.lock", "ab")
     deadline = time.monotonic() + CLAIM_TIMEOUT_S
     while True:
         try:
@@ -138,7 +133,7 @@ def _claim(path: Path) -> BinaryIO | None:
         except BlockingIOError:
             if time.monotonic() > deadline:
                 file.close()
-                return None
+                raise BlockingIOError(IN_USE) from None
         time.sleep(CLAIM_TIMEOUT_S / 20)
 
 

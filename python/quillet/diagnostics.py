@@ -22,12 +22,13 @@ def printable(words: str) -> str:
 
 def complain(words: object) -> None:
     """Says what is wrong."""
-    _say(f"quillet: {words}")
+    say(f"quillet: {words}")
 
 
 def start_log() -> None:
     """Shows what the daemon's modules log, with time, in UTC, and level."""
-    handler, form = _Handler(), logging.Formatter("%(asctime)s %(levelname)s %(message)s")
+    handler, form = _Handler(), logging.Formatter("%(asctime)s UTC %(levelname)s %(message)s")
+    form.default_msec_format = "%s.%03d"
     form.converter = time.gmtime
     handler.setFormatter(form)
     logging.basicConfig(handlers=[handler], level=logging.INFO)
@@ -40,7 +41,7 @@ def finish_log() -> None:
         time.sleep(0.001)
 
 
-def _say(words: str) -> None:
+def say(words: str) -> None:
     """Has a text written; not here, as whoever started the program may never read it.
 
     It may quote what came from elsewhere, so further lines are indented: none can pass for ours.
@@ -68,7 +69,7 @@ def _write_one() -> None:
     lines = _waiting.get()
     if sys.stderr:  # without one, print would take standard output
         with suppress(OSError):
-            print(lines, file=sys.stderr, flush=True)
+            sys.stderr.write(f"{lines}\n")  # in one piece, also beside what other programs write
     _waiting.task_done()
 
 
@@ -77,4 +78,4 @@ _writer = threading.Thread(target=_write, name="log", daemon=True)
 
 class _Handler(logging.Handler):
     def emit(self, record: logging.LogRecord) -> None:
-        _say(self.format(record))
+        say(self.format(record))

@@ -6,7 +6,6 @@ from contextlib import suppress
 from pathlib import Path
 
 from quillet.exit_status import exit_status_help
-from quillet.repository import DATABASE
 from quillet.tool_handlers.health import __version__
 
 
@@ -52,7 +51,7 @@ def parse_options(arguments: Sequence[str]) -> argparse.Namespace:
     for command, folder in ((serve, "to serve"), (play, "to serve"), (status, "that is served")):
         words = f"the folder {folder}; without it, the current one"
         command.add_argument("--repository", type=Path, default=Path(), metavar="DIR", help=words)
-        words = f"the database; without it, {DATABASE} in that folder"
+        words = "the database; without it, one in the state folder, by the folder's path"
         command.add_argument("--database", type=Path, metavar="FILE", help=words)
     words = "a TOML file whose table [tools] says when a tool is disabled, and for how long"
     for command in (serve, guard, play, status):

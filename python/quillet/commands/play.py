@@ -5,18 +5,24 @@ Its story is what a person would ask of it, a line each: a call, a pause or a co
 
 import argparse
 import json
+import subprocess
 import sys
+import threading
 import time
+from contextlib import suppress
 from functools import partial
-from typing import Any, TextIO
+from queue import Empty, SimpleQueue
+from typing import IO, Any, TextIO
 
 from quillet.client import Client
-from quillet.diagnostics import complain
+from quillet.diagnostics import complain, finish_log, say
 from quillet.display import answer_text, heading_text
 from quillet.exit_status import ExitStatus
 
 MAX_LINE_CHARS = 1_000_000
 MAX_WAIT_S = 5
+QUIET_S = 0.02  # the log is written beside the answers, not before them
+LAST_LINES_S = 1.0
 CALL_FORM = '{"tool": text, "arguments": object}'
 WAIT_FORM = f'{{"wait_s": 0 to {MAX_WAIT_S}}}'
 
@@ -31,8 +37,13 @@ def main(options: argparse.Namespace) -> int:
         story = open(options.story or 0, encoding="utf-8", errors="surrogateescape")
         if story.isatty():
             complain(f"waiting for calls, {CALL_FORM} a line; Ctrl-D ends")
-        with Client(daemon) as client:
-            _play(story, client)
+        with Client(daemon, stderr=subprocess.PIPE) as client:
+            log = Log(client.daemon.stderr)
+            try:
+                _play(story, client, log)
+            finally:
+                client.end()
+                log.finish()
         return ExitStatus.OK
     except (OSError, ValueError, EOFError) as error:
         if not isinstance(error, BrokenPipeError):  # nobody reads on
@@ -40,7 +51,33 @@ def main(options: argparse.Namespace) -> int:
         return ExitStatus.FAILED
 
 
-def _play(story: TextIO, client: Client) -> None:
+class Log:
+    """What the daemon logs, shown between the answers: amid the calls, a line would mislead."""
+
+    def __init__(self, source: IO[bytes] | None) -> None:
+        assert source
+        self._lines: SimpleQueue[str] = SimpleQueue()
+        self._reader = threading.Thread(target=self._read, args=[source], name="log", daemon=True)
+        self._reader.start()
+
+    def finish(self) -> None:
+        """Shows the last lines of a daemon that has ended."""
+        self._reader.join(LAST_LINES_S)
+        self.show()
+
+    def show(self) -> None:
+        """Shows the lines that came since the last time."""
+        with suppress(Empty):
+            while True:
+                say(self._lines.get(timeout=QUIET_S))
+        finish_log()
+
+    def _read(self, source: IO[bytes]) -> None:
+        for line in source:
+            self._lines.put(line.decode(errors="backslashreplace"))
+
+
+def _play(story: TextIO, client: Client, log: Log) -> None:
     client.ask("server/discover")  # so that a daemon that cannot start says so before all else
     calls = 0
     lines = iter(partial(story.readline, MAX_LINE_CHARS), "")
@@ -56,6 +93,7 @@ def _play(story: TextIO, client: Client) -> None:
                 result = client.call(tool, arguments)
                 ms = (time.perf_counter() - started) * 1000
                 print(answer_text(calls, tool, arguments, result, ms), flush=True)
+                log.show()
 
 
 def _step(line: str, number: int) -> Any:

@@ -13,7 +13,7 @@ from quillet.exit_status import ExitStatus
 from quillet.hosting.next_try import tools_with_next_try
 from quillet.hosting.stored_health import read_stored_health
 from quillet.protocol.results import json_safe
-from quillet.repository import database_in
+from quillet.repository import database_of, old_history
 
 
 def main(options: argparse.Namespace) -> int:
@@ -21,6 +21,8 @@ def main(options: argparse.Namespace) -> int:
     # As nothing is written, signals end it at once: amid a long statement, or when nobody reads on.
     for number in (signal.SIGINT, signal.SIGPIPE):
         signal.signal(number, signal.SIG_DFL)
+    if not options.database and (old := old_history(options.repository)):
+        complain(old)
     try:
         status = json_safe(_stored_status(options))
     except (OSError, ValueError) as error:
@@ -38,7 +40,7 @@ def main(options: argparse.Namespace) -> int:
 def _stored_status(options: argparse.Namespace) -> dict[str, Any]:
     """The summary of all tools, the worst first, with when the disabled ones are tried again."""
     config = read_tools_config(options.config)
-    database = options.database or database_in(options.repository)
+    database = options.database or database_of(options.repository)
     tracker, damaged = read_stored_health(database, config)
     return {
         "database": str(database),

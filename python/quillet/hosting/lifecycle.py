@@ -5,6 +5,8 @@ import asyncio
 import sqlite3
 from collections.abc import Awaitable, Callable
 from concurrent.futures import ThreadPoolExecutor
+from contextlib import suppress
+from pathlib import Path
 from typing import Any
 
 from quillet.config import read_tools_config
@@ -13,7 +15,7 @@ from quillet.exit_status import ExitStatus
 from quillet.hosting.shutdown import Shutdown
 from quillet.hosting.flusher import Flusher
 from quillet.hosting.stored_health import read_stored_health
-from quillet.repository import Repository
+from quillet.repository import Repository, database_of, old_history
 from quillet.tool_handlers.health import ToolHealthTracker
 
 START_ERRORS = (OSError, ValueError, TypeError, OverflowError, RuntimeError, sqlite3.Error)
@@ -41,6 +43,8 @@ async def _run(options: argparse.Namespace, serve: Serve) -> int:
         repository, tracker = opening.result()
         for note in repository.db.notes.values():
             complain(f"{repository.db.path}: {note}")
+        if not options.database and (old := old_history(repository.root)):
+            complain(old)
         with Flusher(tracker) as flusher:
             status = await serve(repository, tracker, shutdown)
     except START_ERRORS as error:
@@ -54,10 +58,20 @@ async def _run(options: argparse.Namespace, serve: Serve) -> int:
 
 def _open(options: argparse.Namespace) -> tuple[Repository, ToolHealthTracker]:
     config = read_tools_config(options.config)
-    repository = Repository(options.repository, options.database)
+    if options.database and not options.database.parent.is_dir():
+        raise FileNotFoundError(f"there is no folder {options.database.parent} for the database")
+    repository = Repository(options.repository, options.database or _own(options.repository))
     try:
         return repository, ToolHealthTracker(repository, config)
     except (ValueError, TypeError, OverflowError) as error:
         _, damaged = read_stored_health(repository.db.path, config)
         advice = "correct or delete these rows and start again"
         raise ValueError("\n".join([f"{repository.db.path}: {advice}", *damaged])) from error
+
+
+def _own(root: Path) -> Path:
+    """The folder's own database; without the folder that it lies in, nothing is saved."""
+    database = database_of(root)
+    with suppress(OSError):
+        database.parent.mkdir(mode=0o700, parents=True, exist_ok=True)
+    return database

@@ -1,7 +1,8 @@
 """When a disabled tool is tried again."""
 
 import math
-from datetime import UTC, datetime, timedelta
+import time
+from datetime import UTC, datetime
 from typing import Any
 
 from quillet.tool_handlers.health import ToolHealthTracker
@@ -10,25 +11,26 @@ FORM = "%Y-%m-%d %H:%M:%S"
 AT_ONCE = "it is tried again at the next call"
 
 
-def next_try(disabled_at: str | None, cooldown_s: float) -> tuple[str | None, int | None]:
+def next_try(disabled_at: float | str | None, cooldown_s: float) -> tuple[str | None, int | None]:
     """The moment, as a text in UTC, and the whole seconds until then, 0 once it has passed.
 
-    `disabled_at` is a text in UTC, too. Its fraction of a second was cut off; with a second more,
-    the moment is never too early. Both are None for a tool that is not disabled, or whose cooldown
-    outlasts the calendar or is no number.
+    `disabled_at` is in epoch seconds, or a text in UTC whose fraction of a second was cut off; with
+    a second more, the moment is never too early. Both are None for a tool that is not disabled, or
+    whose cooldown outlasts the calendar or is no number.
     """
     if disabled_at is None:
         return None, None
     try:
-        disabled = datetime.strptime(disabled_at, FORM).replace(tzinfo=UTC)
-        moment = disabled + timedelta(seconds=math.ceil(cooldown_s) + 1)
-    except (OverflowError, ValueError):
+        if isinstance(disabled_at, str):
+            disabled_at = datetime.strptime(f"{disabled_at}+0000", f"{FORM}%z").timestamp() + 1
+        moment = datetime.fromtimestamp(math.ceil(disabled_at + cooldown_s), UTC)
+    except (OverflowError, ValueError, OSError):
         return None, None
-    left = moment - datetime.now(UTC)
-    return moment.strftime(FORM), max(0, math.ceil(left.total_seconds()))
+    left = min(disabled_at + cooldown_s - time.time(), cooldown_s)
+    return moment.strftime(FORM), max(0, math.ceil(left))
 
 
-def next_try_text(disabled_at: str | None, cooldown_s: float) -> str:
+def next_try_text(disabled_at: float | str | None, cooldown_s: float) -> str:
     """The same in words, for a person."""
     moment, seconds = next_try(disabled_at, cooldown_s)
     if moment is None:

@@ -3,12 +3,13 @@
 import logging
 import sqlite3
 from contextlib import closing
+from functools import partial
 from pathlib import Path
 from types import SimpleNamespace
 from typing import Any
 
 from quillet.config import ToolsConfig
-from quillet.database import refuse_schema_code, refuse_strange_files
+from quillet.database import ESCAPED, open_to_read
 from quillet.tool_handlers import health
 
 BUSY_TIMEOUT_S = 1
@@ -45,25 +46,15 @@ def register_every_tool() -> None:
 
 def _read(database: Path) -> tuple[list[Row], Row | None]:
     """The rows of the tools, and the row of the usage document."""
-    refuse_strange_files(database)
     database.open("rb").close()  # its error says more than SQLite's
     try:
-        with closing(_connect(database.resolve())) as connection:
-            refuse_schema_code(connection)
+        with closing(open_to_read(database, BUSY_TIMEOUT_S)) as connection:
+            connection.text_factory = partial(str, encoding="utf-8", errors=ESCAPED)
             rows = connection.execute(f"SELECT {health._TOOL_HEALTH_COLUMNS} FROM tool_health")
             usage = "SELECT value FROM schema_info WHERE key = ?"
             return rows.fetchall(), connection.execute(usage, [health.TOOL_USAGE_KEY]).fetchone()
     except sqlite3.Error as error:
         raise ValueError(f"{database}: {error}") from error
-
-
-def _connect(database: Path) -> sqlite3.Connection:
-    # A reader of a database in WAL mode creates its log unless told that nobody else writes.
-    in_use = any(Path(f"{database}-{log}").exists() for log in ("wal", "journal"))
-    uri = database.as_uri() + ("?mode=ro" if in_use else "?immutable=1")
-    connection = sqlite3.connect(uri, uri=True, timeout=BUSY_TIMEOUT_S)
-    connection.text_factory = lambda data: data.decode("utf-8", "backslashreplace")
-    return connection
 
 
 def _is_readable(row: Row, config: ToolsConfig, damaged: list[str]) -> bool:

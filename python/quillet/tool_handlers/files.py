@@ -8,10 +8,9 @@ from pathlib import Path
 from typing import Annotated, Any
 
 from quillet.regular_files import read_regular_file
-from quillet.repository import OWN_FOLDER
 from quillet.tool_handlers.context import CallerError, ToolContext
 
-SKIPPED_FOLDERS = {".git", OWN_FOLDER}
+SKIPPED_FOLDERS = {".git"}
 MAX_FILE_BYTES = 1_000_000
 MAX_ROWS = 100
 MAX_LINE_CHARS = 200
